@@ -1,0 +1,32 @@
+# What every room of the house builds with. Flags here belong to targets; CFLAGS, CXXFLAGS and LDFLAGS
+# of whoever builds come first and are never replaced.
+
+option(KIV_WARNINGS_AS_ERRORS "Stop at the first compiler warning" OFF)
+set(KIV_SANITIZE "" CACHE STRING "Sanitizers for everything, for example address,undefined or thread")
+
+if(KIV_SANITIZE)
+  add_compile_options(-fsanitize=${KIV_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${KIV_SANITIZE})
+endif()
+
+add_library(kiv-warnings INTERFACE)
+target_compile_options(kiv-warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef -Wcast-align
+  -Wpointer-arith -Wwrite-strings -Wvla
+  $<$<BOOL:${KIV_WARNINGS_AS_ERRORS}>:-Werror>
+  $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wcast-align=strict -Wlogical-op -Wduplicated-cond -Wuseless-cast>
+  $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Wextra-semi>
+  $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes -Wmissing-prototypes>)
+
+# Linking through the C driver keeps the C++ run time out; CMake would add it back from this list.
+macro(kiv_link_as_c target)
+  set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
+  set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C)
+endmacro()
+
+# A shared library as the device gets it: nothing undefined, nothing writable after relocation, small.
+function(kiv_harden target)
+  target_link_options(${target} PRIVATE
+    -Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed -Wl,--build-id=none
+    $<$<NOT:$<BOOL:${KIV_SANITIZE}>>:-Wl,-z,defs>)
+endfunction()

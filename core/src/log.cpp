@@ -1,0 +1,107 @@
+// Logging and reports: formatted in memory, then written to stderr in one piece, errno untouched.
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <pthread.h>
+#include <unistd.h>
+
+#include "kiv/core.h"
+
+namespace {
+
+// A write to a pipe is whole up to PIPE_BUF only, and a short one has to be finished, so the pieces of two
+// threads are kept apart by a lock.
+pthread_mutex_t stderr_lock = PTHREAD_MUTEX_INITIALIZER;
+
+void write_whole(const char *text, size_t length) {
+    pthread_mutex_lock(&stderr_lock);
+    while (length > 0) {
+        const ssize_t done = ::write(STDERR_FILENO, text, length);
+        if (done == -1 && errno == EINTR)
+            continue;
+        if (done <= 0)
+            break; // there is nowhere left to report it
+        text += done;
+        length -= static_cast<size_t>(done);
+    }
+    pthread_mutex_unlock(&stderr_lock);
+}
+
+[[gnu::format(printf, 1, 0)]] int write_formatted(const char *format, va_list arguments) {
+    const int saved_errno = errno;
+    char local[512];
+    char *text = local;
+    va_list again;
+    va_copy(again, arguments);
+    const int length = ::vsnprintf(local, sizeof local, format, arguments);
+    if (length >= static_cast<int>(sizeof local)) {
+        const size_t needed = static_cast<size_t>(length) + 1;
+        text = static_cast<char *>(::malloc(needed));
+        if (text != nullptr)
+            ::vsnprintf(text, needed, format, again);
+    }
+    va_end(again);
+    if (text == nullptr)
+        write_whole(local, sizeof local - 1); // no memory for all of it: the beginning is better than nothing
+    else if (length > 0)
+        write_whole(text, static_cast<size_t>(length));
+    if (text != local)
+        ::free(text);
+    errno = saved_errno;
+    return length;
+}
+
+void report(const char *kind, const char *expression, const char *file, int line, const char *function) {
+    sup_system_diag("%s: %s (%s:%d in %s)\n", kind, expression, file, line, function);
+}
+
+pthread_mutex_t registry_lock = PTHREAD_MUTEX_INITIALIZER;
+kiv_log_category *registry_head;
+
+bool is_registered(const kiv_log_category *category) {
+    for (const kiv_log_category *each = registry_head; each != nullptr;
+         each = static_cast<const kiv_log_category *>(each->core))
+        if (each == category)
+            return true;
+    return false;
+}
+
+} // namespace
+
+int kiv_log_dyn_add(kiv_log_category *category) {
+    if (category == nullptr || category->level == nullptr || category->name == nullptr)
+        return EINVAL;
+    pthread_mutex_lock(&registry_lock);
+    if (!is_registered(category)) {
+        category->core = registry_head;
+        registry_head = category;
+    }
+    pthread_mutex_unlock(&registry_lock);
+    return 0;
+}
+
+int sup_log_msg_nocolor_raw(const char *, int, const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = write_formatted(format, arguments);
+    va_end(arguments);
+    return length;
+}
+
+int sup_system_diag(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = write_formatted(format, arguments);
+    va_end(arguments);
+    return length;
+}
+
+void kiv_assert(const char *expression, const char *file, int line, const char *function) {
+    report("assertion failed", expression, file, line, function);
+}
+
+void kiv_warn(const char *expression, const char *file, int line, const char *function) {
+    report("warning", expression, file, line, function);
+}
