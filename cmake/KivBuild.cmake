@@ -14,7 +14,7 @@ target_compile_options(kiv-warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef -Wcast-align
   -Wpointer-arith -Wwrite-strings -Wvla
   $<$<BOOL:${KIV_WARNINGS_AS_ERRORS}>:-Werror>
-  $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wcast-align=strict -Wlogical-op -Wduplicated-cond -Wuseless-cast>
+  $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wcast-align=strict -Wlogical-op -Wduplicated-cond>
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Wextra-semi>
   $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes -Wmissing-prototypes>)
 

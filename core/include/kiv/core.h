@@ -14,10 +14,10 @@
 
 #if defined(__GNUC__)
 #    define KIV_CORE_API __attribute__((visibility("default")))
-#    define KIV_CORE_PRINTF(format, first) __attribute__((format(printf, format, first)))
+#    define KIV_CORE_PRINTF(text, first) __attribute__((format(printf, text, first)))
 #else
 #    define KIV_CORE_API
-#    define KIV_CORE_PRINTF(format, first)
+#    define KIV_CORE_PRINTF(text, first)
 #endif
 
 #ifdef __cplusplus

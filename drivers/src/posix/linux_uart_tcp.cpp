@@ -1,0 +1,331 @@
+// The TCP transports: a server that serves one client at a time, and a client that connects again.
+//
+//   1. The module's mutex
+//   2. Connections       what fd says, and how the two sides get a connection and end one
+//   3. Data              one reader and one writer for both sides
+//   4. Server opening
+//   5. Client opening, closing
+//
+// fd holds the connection, or tells why there is none: nobody is connected, or a reader is waiting for a
+// peer and writers must not try. tcp_mutex guards every change of fd; reads and sends run without it, and so
+// do a reader's wait for a client and its attempts to connect. A call that fails ends its own connection
+// only, never one that has come since.
+
+#define KIV_MODULE "drivers/src/posix/linux_uart_tcp"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "common/fd.h"
+#include "common/lock.h"
+#include "common/memory.h"
+#include "common/report.h"
+#include "common/slots.h"
+#include "common/wait.h"
+#include "kiv/transports.h"
+
+using kiv::connection;
+using kiv::mutex_hold;
+using kiv::trace_errno;
+
+namespace {
+
+// 1. The module's mutex ---------------------------------------------------------------------------------
+
+constinit sup_mutex_t tcp_mutex{}; // one for all TCP ports, never destroyed
+constinit uint32_t tcp_mutex_initialized = 0;
+
+// 2. Connections ----------------------------------------------------------------------------------------
+
+constexpr int nobody = -1;    // fd: no connection
+constexpr int waiting = -2;   // fd: a reader is waiting for the peer
+constexpr int unchanged = -3; // of an attempt: fd stays as it is
+
+enum class patience { once, until_connected };
+
+// Returns the accepted socket; nobody, when the accepting failed; or unchanged, when no client has come.
+int pos_tcp_accept(const UART_infos &port, patience block) {
+    timeval timeout{};
+    const int ready =
+        kiv::wait_readable(port.fd_listen, block == patience::until_connected ? nullptr : &timeout);
+    if (ready == -1)
+        trace_errno(KIV_SITE("ret = select(UART_infos->fd_listen+1, &readfds, ((void *)0), ((void *)0), "
+                             "block?((void *)0):&timeout)"));
+    if (ready <= 0)
+        return unchanged;
+    const int fd = ::accept(port.fd_listen, nullptr, nullptr);
+    if (fd == -1)
+        trace_errno(KIV_SITE("UART_infos->fd = accept(UART_infos->fd_listen, ((void *)0), 0)"));
+    return fd;
+}
+
+// A socket that has been connected cannot be connected again. The fresh one takes over the number of the old
+// one in one step, so that the number never becomes somebody else's while a late writer still has it.
+bool renew_socket(const UART_infos &port, const char *function) {
+    const kiv::unique_fd fresh(::socket(AF_INET, SOCK_STREAM, 0));
+    if (fresh.get() == -1) {
+        trace_errno(kiv::in(function, KIV_SITE("UART_infos->fd_listen = socket(2, SOCK_STREAM, 0)")));
+        return false;
+    }
+    if (::dup2(fresh.get(), port.fd_listen) == -1) {
+        trace_errno(kiv::in(function, KIV_SITE("ret = dup2(fd, UART_infos->fd_listen)")));
+        return false;
+    }
+    return true;
+}
+
+constexpr unsigned int client_retry_delay = 5000; // milliseconds
+
+// Returns the connected socket, or unchanged with errno when one attempt was all and it failed.
+int pos_connect_tcp_client(const UART_infos &port, patience retry) {
+    const bool spent = (port.flags & kiv::socket_is_spent) != 0;
+    for (;;) {
+        if ((!spent || renew_socket(port, __func__)) &&
+            ::connect(port.fd_listen, static_cast<const sockaddr *>(port.priv), sizeof(sockaddr_in)) == 0)
+            return port.fd_listen;
+        if (retry == patience::once)
+            return unchanged;
+        sup_thread_delay(client_retry_delay, 0);
+    }
+}
+
+// The two kinds of port differ in how they get a connection and in what is left of one that has ended. Only a
+// client port keeps an address.
+bool is_client(const UART_infos &port) {
+    return port.priv != nullptr;
+}
+
+int obtain(const UART_infos &port, patience how) {
+    return is_client(port) ? pos_connect_tcp_client(port, how) : pos_tcp_accept(port, how);
+}
+
+// Takes what an attempt gave into the record.
+void adopt(UART_infos &port, int obtained) {
+    if (obtained >= 0 && port.fd < 0)
+        kiv::begin_connection(port, obtained, is_client(port) ? kiv::socket_is_spent : 0);
+    else if (obtained >= 0 && !is_client(port))
+        ::close(obtained); // one too many: two threads read from this port, which they should not
+    else if (obtained == nobody)
+        kiv::set_current_fd(port, nobody);
+}
+
+// The reader's way to a connection: it waits for one without the lock, and writers see that it does.
+[[gnu::cold, gnu::noinline]] void await_peer(UART_infos &port) {
+    kiv::set_current_fd(port, waiting);
+    sup_mutex_unlock(&tcp_mutex);
+    const int obtained = obtain(port, patience::until_connected);
+    sup_mutex_lock(&tcp_mutex);
+    adopt(port, obtained);
+}
+
+// The writer's: it takes what is there at once.
+[[gnu::cold, gnu::noinline]] void try_peer(UART_infos &port) {
+    adopt(port, obtain(port, patience::once));
+}
+
+// Ends the connection on which a call has failed, unless that has been done already. Whoever is still blocked
+// on it is woken, and the peer learns of the end even if somebody is. A client's socket stays open: the next
+// attempt puts a fresh one under its number.
+[[gnu::cold, gnu::noinline]] void lose(UART_infos &port, connection failed) {
+    const mutex_hold hold(tcp_mutex);
+    if (!kiv::is_current(port, failed))
+        return;
+    if (failed.fd >= 0) {
+        ::shutdown(failed.fd, SHUT_RDWR);
+        if (!is_client(port))
+            ::close(failed.fd);
+    }
+    kiv::set_current_fd(port, nobody);
+}
+
+// 3. Data -----------------------------------------------------------------------------------------------
+
+[[gnu::always_inline]] inline int read_stream(UART_infos *port, void *buffer, unsigned int length,
+                                              const char *function) {
+    for (;;) {
+        kiv::check(kiv::current_fd(*port) != waiting, kiv::in(function, KIV_SITE("UART_infos->fd != -2")));
+        sup_mutex_lock(&tcp_mutex);
+        if (port->fd == nobody) [[unlikely]]
+            await_peer(*port);
+        const connection now = kiv::current_connection(*port);
+        sup_mutex_unlock(&tcp_mutex);
+        if (now.fd >= 0) [[likely]] {
+            const ssize_t count = ::read(now.fd, buffer, length);
+            if (count > 0) [[likely]]
+                return static_cast<int>(count);
+        }
+        lose(*port, now);
+    }
+}
+
+int pos_read_tcp(UART_infos *port, void *buffer, unsigned int length) {
+    return read_stream(port, buffer, length, __func__);
+}
+
+int pos_read_tcp_client(UART_infos *port, void *buffer, unsigned int length) {
+    return read_stream(port, buffer, length, __func__);
+}
+
+// Data that nobody takes is dropped and counts as sent.
+int dropped(unsigned int length) {
+    return static_cast<int>(std::min<unsigned int>(length, INT_MAX));
+}
+
+int pos_write_tcp(UART_infos *port, const void *buffer, unsigned int length) {
+    sup_mutex_lock(&tcp_mutex);
+    if (port->fd == nobody) [[unlikely]]
+        try_peer(*port);
+    const connection now = kiv::current_connection(*port);
+    sup_mutex_unlock(&tcp_mutex);
+    if (now.fd < 0) [[unlikely]]
+        return dropped(length);
+    const ssize_t count = ::send(now.fd, buffer, length, MSG_NOSIGNAL);
+    if (count > 0) [[likely]]
+        return static_cast<int>(count);
+    lose(*port, now);
+    return dropped(length);
+}
+
+sockaddr_in address_of(in_addr host, long port_number) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port_number)); // the low 16 bits
+    address.sin_addr = host;
+    return address;
+}
+
+constexpr char server_prefix[] = "tcp:";
+constexpr char client_prefix[] = "tcpout:";
+
+// The text after the prefix, or null for another name.
+template <size_t Size>
+const char *after(const char (&prefix)[Size], const char *name) {
+    return ::strncmp(name, prefix, Size - 1) == 0 ? name + Size - 1 : nullptr;
+}
+
+} // namespace
+
+// 4. Server opening -------------------------------------------------------------------------------------
+
+int pos_open_tcp(UART_infos *port, const char *device_name, unsigned int options) {
+    if (port == nullptr)
+        return kiv::refuse_null(KIV_SITE("(UART_infos) != ((void *)0)"));
+    if (device_name == nullptr)
+        return kiv::refuse_null(KIV_SITE("(device_name) != ((void *)0)"));
+    const char *number = after(server_prefix, device_name);
+    if (number == nullptr)
+        return EINVAL;
+    const long port_number = ::strtol(number, nullptr, 10);
+    const sockaddr_in address = address_of({.s_addr = htonl(INADDR_ANY)}, port_number);
+
+    kiv::unique_fd listener(::socket(AF_INET, SOCK_STREAM, 0));
+    if (listener.get() == -1)
+        return trace_errno(KIV_SITE("UART_infos->fd_listen = socket(2, SOCK_STREAM, 0)"));
+    const int opt = 1;
+    if (::setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &opt, sizeof opt) == -1)
+        return trace_errno(KIV_SITE("ret = setsockopt(UART_infos->fd_listen, 1, 2, &opt, sizeof(opt))"));
+    if (::bind(listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == -1)
+        return trace_errno(
+            KIV_SITE("ret = bind(UART_infos->fd_listen, (struct sockaddr *)&addr, sizeof(addr))"));
+    if (::listen(listener.get(), 1) == -1)
+        return trace_errno(KIV_SITE("ret = listen(UART_infos->fd_listen, 1)"));
+    const int status = kiv::ensure_mutex(tcp_mutex_initialized, tcp_mutex);
+    if (status != 0)
+        return status;
+
+    kiv::set_listener(*port, listener.release());
+    port->fd = nobody;
+    kiv::attach(*port, {.read = pos_read_tcp, .write = pos_write_tcp, .writev = nullptr, .close = nullptr});
+    if ((options & UART_OPTION_WAIT_PEER) != 0) {
+        sup_system_diag("Waiting connection on tcp port %d\n", static_cast<int>(port_number));
+        adopt(*port, pos_tcp_accept(*port, patience::until_connected));
+    }
+    return 0;
+}
+
+// 5. Client opening, closing ----------------------------------------------------------------------------
+
+namespace {
+
+struct peer_name {
+    char host[20];
+    long port_number;
+    sockaddr_in address;
+};
+
+// "tcpout:", a dotted IPv4 address, ":" and a number.
+bool parse(const char *device_name, peer_name &peer) {
+    const char *host = after(client_prefix, device_name);
+    const char *colon = host != nullptr ? ::strchr(host, ':') : nullptr;
+    if (colon == nullptr || static_cast<size_t>(colon - host) >= sizeof peer.host)
+        return false;
+    const auto length = static_cast<size_t>(colon - host);
+    ::memcpy(peer.host, host, length);
+    peer.host[length] = '\0';
+    char *end = nullptr;
+    peer.port_number = ::strtol(colon + 1, &end, 10);
+    in_addr address{};
+    if (end == colon + 1 || ::inet_pton(AF_INET, peer.host, &address) != 1)
+        return false;
+    peer.address = address_of(address, peer.port_number);
+    return true;
+}
+
+} // namespace
+
+int pos_open_tcp_client(UART_infos *port, const char *device_name, unsigned int options) {
+    if (port == nullptr)
+        return kiv::refuse_null(KIV_SITE("(UART_infos) != ((void *)0)"));
+    if (device_name == nullptr)
+        return kiv::refuse_null(KIV_SITE("(device_name) != ((void *)0)"));
+    peer_name peer;
+    if (!parse(device_name, peer))
+        return EINVAL;
+    kiv::unique_fd connector(::socket(AF_INET, SOCK_STREAM, 0));
+    if (connector.get() == -1)
+        return trace_errno(KIV_SITE("UART_infos->fd_listen = socket(2, SOCK_STREAM, 0)"));
+    int status = kiv::ensure_mutex(tcp_mutex_initialized, tcp_mutex);
+    if (status != 0)
+        return status;
+    auto *address = kiv::make_zeroed<sockaddr_in>();
+    if (address == nullptr)
+        return ENOMEM;
+    *address = peer.address;
+
+    port->fd = nobody;
+    port->priv = address;
+    port->fd_listen = connector.get();
+    kiv::attach(*port, {.read = pos_read_tcp_client,
+                        .write = pos_write_tcp,
+                        .writev = nullptr,
+                        .close = pos_close_tcp_client});
+    sup_system_diag("Try to connect to %s:%d\n", peer.host, static_cast<int>(peer.port_number));
+    const bool wait = (options & UART_OPTION_WAIT_PEER) != 0;
+    adopt(*port, pos_connect_tcp_client(*port, wait ? patience::until_connected : patience::once));
+    if (port->fd == nobody) {
+        status = errno;
+        port->fd_listen = -1; // closed with this scope; the address stays, for pos_close_tcp_client
+        return status;
+    }
+    [[maybe_unused]] const int owned = connector.release();
+    return 0;
+}
+
+int pos_close_tcp_client(UART_infos *port) {
+    if (port == nullptr)
+        return kiv::refuse_null(KIV_SITE("(UART_infos) != ((void *)0)"));
+    // The address tells that the opening came as far as the socket.
+    if (port->priv != nullptr && port->fd_listen >= 0)
+        ::close(port->fd_listen);
+    ::free(port->priv);
+    port->priv = nullptr;
+    port->fd_listen = -1;
+    port->fd = nobody;
+    return 0;
+}
