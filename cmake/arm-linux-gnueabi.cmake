@@ -8,6 +8,11 @@ set(CMAKE_CXX_COMPILER ${KIV_ARM_PREFIX}-g++)
 set(CMAKE_C_FLAGS_INIT "-mcpu=arm926ej-s -mfloat-abi=soft")
 set(CMAKE_CXX_FLAGS_INIT "-mcpu=arm926ej-s -mfloat-abi=soft")
 
+# Every ARMv5T has BLX. The linker does not dare to rely on it by itself and would put an ARM veneer before
+# each exported Thumb function.
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-Wl,--use-blx")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--use-blx")
+
 set(CMAKE_FIND_ROOT_PATH /usr/${KIV_ARM_PREFIX})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
