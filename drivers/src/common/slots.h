@@ -3,6 +3,8 @@
 #ifndef KIV_COMMON_SLOTS_H
 #define KIV_COMMON_SLOTS_H
 
+#include <cerrno>
+
 #include "kiv/uart.h"
 
 namespace kiv {
@@ -38,34 +40,48 @@ inline bool owns_listener(const UART_infos &port) noexcept {
     return port.fd_listen > 0 || (port.flags & listener_is_zero) != 0;
 }
 
-// One connection of a port. A descriptor's number says too little: by the time a reader or a writer notices
-// that its connection has failed, another thread may have ended that one and made the next, under the same
-// number. So connections are counted, in the record's flags. All of these but current_fd are called with
-// the transport's mutex held.
-struct connection {
-    int fd; // negative: there is none
-    uint32_t flags;
-};
+// Connections of a port are counted, in the record's flags. A descriptor's number says too little: by the
+// time a reader or a writer notices that its connection has failed, another thread may have ended that one
+// and made the next, under the same number. Whoever takes the count before the descriptor, and compares it
+// before ending anything, can at worst miss a failure, and then the next call on that connection notices it.
+inline uint32_t connection_count(const UART_infos &port) noexcept {
+    return __atomic_load_n(&port.flags, __ATOMIC_RELAXED);
+}
 
 inline int current_fd(const UART_infos &port) noexcept {
     return __atomic_load_n(&port.fd, __ATOMIC_RELAXED);
 }
 
+// Both with the transport's mutex held.
 inline void set_current_fd(UART_infos &port, int fd) noexcept {
     __atomic_store_n(&port.fd, fd, __ATOMIC_RELAXED);
-}
-
-inline connection current_connection(const UART_infos &port) noexcept {
-    return {port.fd, port.flags};
-}
-
-inline bool is_current(const UART_infos &port, connection seen) noexcept {
-    return port.fd == seen.fd && port.flags == seen.flags;
 }
 
 inline void begin_connection(UART_infos &port, int fd, uint32_t mark = 0) noexcept {
     __atomic_store_n(&port.flags, (port.flags | mark) + one_connection, __ATOMIC_RELAXED);
     set_current_fd(port, fd);
+}
+
+// What is left in a record whose port has been closed: operations that fail, and nothing to release. Using or
+// closing it again by mistake then hits nobody who has the numbers next.
+inline int read_closed(UART_infos *, void *, unsigned int) noexcept {
+    errno = EBADF;
+    return -1;
+}
+
+inline int write_closed(UART_infos *, const void *, unsigned int) noexcept {
+    errno = EBADF;
+    return -1;
+}
+
+inline void detach(UART_infos &port) noexcept {
+    port.fd = -1;
+    port.fd_listen = -1;
+    port.flags = UART_FLAG_STREAM;
+    port.read = read_closed;
+    port.write = write_closed;
+    port.writev = nullptr;
+    port.priv = nullptr;
 }
 
 } // namespace kiv

@@ -20,6 +20,8 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 
+#include "common/hints.h"
+#include "common/prefix.h"
 #include "common/report.h"
 #include "common/slots.h"
 #include "common/wait.h"
@@ -29,6 +31,7 @@
 
 using kiv::check;
 using kiv::current_fd;
+using kiv::has_prefix;
 using kiv::site;
 using kiv::trace_and_warn;
 using kiv::trace_errno;
@@ -73,17 +76,19 @@ bool is_stream(const UART_infos &port) {
 
 // The beginning of every operation. A null record ends it; one that is not open is reported only. Returns 0
 // or EINVAL.
-[[gnu::cold, gnu::noinline]] int refuse_record(const UART_infos *port, const char *function, int line) {
+KIV_COLD int refuse_record(const UART_infos *port, const char *function, int line) {
     if (port == nullptr)
         return kiv::refuse_null({"(UART_infos) != ((void *)0)", function, line});
     check(false, {"UART_infos->magic == 0xc0decafe", function, line});
     return 0;
 }
 
-[[gnu::always_inline]] inline int check_record(const UART_infos *port, const char *function, int line) {
-    if (port == nullptr || port->magic != UART_MAGIC) [[unlikely]]
-        return refuse_record(port, function, line);
-    return 0;
+KIV_HOT bool is_open(const UART_infos *port) {
+    return port != nullptr && port->magic == UART_MAGIC;
+}
+
+KIV_HOT int check_record(const UART_infos *port, const char *function, int line) {
+    return is_open(port) ? 0 : refuse_record(port, function, line);
 }
 
 // 2. Speeds ---------------------------------------------------------------------------------------------
@@ -115,11 +120,6 @@ int uart_set_speed(termios2 *settings, unsigned int speed) {
 }
 
 // 3. Opening --------------------------------------------------------------------------------------------
-
-template <size_t Size>
-bool has_prefix(const char *name, const char (&prefix)[Size]) {
-    return ::strncmp(name, prefix, Size - 1) == 0;
-}
 
 // Eight data bits, every byte as it is; a read waits for one byte and no longer. The stop bits, the receiver
 // and hang-up on close stay as they were.
@@ -197,165 +197,300 @@ int sup_uart_Init(UART_infos *port, const char *device_name, unsigned int speed,
 
 // 4. Reading, writing -----------------------------------------------------------------------------------
 
+// The usual case of each operation comes first, in a straight line: an open record and a call that moves all
+// bytes at once. Everything else goes on out of line.
+
 namespace {
 
-int pos_read(UART_infos *port, void *buffer, unsigned int length) {
+KIV_HOT int pos_read(UART_infos *port, void *buffer, unsigned int length) {
     if (port->read != nullptr)
         return port->read(port, buffer, length);
-    if (port->kiv_linux_sfd == nullptr) [[unlikely]] { // never opened
-        errno = EBADF;
-        return -1;
-    }
     return static_cast<int>(kiv::sread(*port->kiv_linux_sfd, buffer, length));
 }
 
-int pos_write(UART_infos *port, const void *buffer, unsigned int length) {
+KIV_HOT int pos_write(UART_infos *port, const void *buffer, unsigned int length) {
     if (port->write != nullptr)
         return port->write(port, buffer, length);
     return static_cast<int>(::write(port->fd, buffer, length));
 }
 
+// As refuse_record; a record with nothing to read from, because it was never opened, gives EBADF.
+KIV_COLD int refuse_reader(const UART_infos *port, const char *function, int line) {
+    const int status = refuse_record(port, function, line);
+    if (status == 0 && port->read == nullptr && port->kiv_linux_sfd == nullptr)
+        return warn(EBADF, function, line);
+    return status;
+}
+
+KIV_HOT int check_reader(const UART_infos *port, const char *function, int line) {
+    return is_open(port) ? 0 : refuse_reader(port, function, line);
+}
+
 // What a call that moved no byte means: EINTR to try again, or the status of the operation's failing exit,
 // warned of. A stream that gives or takes nothing is at its end.
-[[gnu::cold, gnu::noinline]] int end_of_stream(const char *text, const char *function, int line, int ret) {
+KIV_COLD int end_of_stream(const char *text, const char *function, int line, int ret) {
     const int error = ret == 0 ? EIO : trace_errno({text, function, line});
     return error == EINTR ? EINTR : warn(error, function, line);
 }
 
-[[gnu::always_inline]] inline int stream_failure(int ret, site at) {
+KIV_HOT int stream_failure(int ret, site at) {
     return end_of_stream(at.text, at.function, at.line, ret);
 }
 
-constexpr unsigned int second_us = 1000000;
+// Whether a count can have been moved by one call: it is not zero, and no failure when taken for a result.
+KIV_HOT bool is_usual(unsigned int length) {
+    return static_cast<int>(length) > 0;
+}
 
-// Whole seconds go into their own field. The device's processor has no divider, so they are found bit by bit.
-timeval limit_of(unsigned int timeout_us) {
-    time_t seconds = 0;
-    if (timeout_us >= second_us) [[unlikely]]
-        for (unsigned int bit = 12; bit <= 12; --bit)
-            if (timeout_us >= second_us << bit) {
-                timeout_us -= second_us << bit;
-                seconds += 1 << bit;
-            }
-    return {.tv_sec = seconds, .tv_usec = static_cast<suseconds_t>(timeout_us)};
+// For a usual length: whether a call moved all of it.
+KIV_HOT bool is_all(int ret, unsigned int length) {
+    return static_cast<unsigned int>(ret) == length;
+}
+
+// Goes on with a read whose first call gave ret.
+[[gnu::noinline]] int read_partial_again(UART_infos *port, void *buffer, unsigned int *length, int ret) {
+    while (ret <= 0) {
+        const int status = stream_failure(
+            ret, kiv::in("sup_uart_Read_partial", KIV_SITE("ret = pos_read(UART_infos, buffer, remaining)")));
+        if (status != EINTR)
+            return status;
+        ret = pos_read(port, buffer, *length);
+    }
+    *length = static_cast<unsigned int>(ret);
+    return 0;
 }
 
 } // namespace
 
 int sup_uart_Read_partial(UART_infos *port, void *buffer, unsigned int *length) {
-    if (check_record(port, __func__, __LINE__) != 0) [[unlikely]]
-        return EINVAL;
-    if (*length == 0)
+    const int refusal = check_reader(port, __func__, __LINE__);
+    if (refusal != 0) [[unlikely]]
+        return refusal;
+    if (*length == 0) [[unlikely]]
         return 0;
+    const int ret = pos_read(port, buffer, *length);
+    if (ret <= 0) [[unlikely]]
+        return read_partial_again(port, buffer, length, ret);
+    *length = static_cast<unsigned int>(ret);
+    return 0;
+}
+
+namespace {
+
+// Goes on with a read whose first call gave ret.
+[[gnu::noinline]] int read_rest(UART_infos *port, void *buffer, unsigned int *length, int ret) {
+    auto *at = static_cast<char *>(buffer);
+    unsigned int remaining = *length;
     for (;;) {
-        const int ret = pos_read(port, buffer, *length);
-        if (ret > 0) [[likely]] {
-            *length = static_cast<unsigned int>(ret);
-            return 0;
+        if (ret > 0) {
+            at += ret;
+            remaining -= static_cast<unsigned int>(ret);
+            if (remaining == 0)
+                return 0;
+        } else {
+            const int status = stream_failure(
+                ret,
+                kiv::in("sup_uart_Read",
+                        KIV_SITE("ret = pos_read(UART_infos, buffer + (*length - remaining), remaining)")));
+            if (status != EINTR) {
+                *length -= remaining;
+                return status;
+            }
         }
-        const int status = stream_failure(ret, KIV_SITE("ret = pos_read(UART_infos, buffer, remaining)"));
-        if (status != EINTR)
-            return status;
+        ret = pos_read(port, at, remaining);
     }
 }
 
+KIV_COLD int read_unusual(UART_infos *port, void *buffer, unsigned int *length) {
+    if (*length == 0)
+        return warn(EIO, "sup_uart_Read", __LINE__);
+    return read_rest(port, buffer, length, pos_read(port, buffer, *length));
+}
+
+} // namespace
+
 int sup_uart_Read(UART_infos *port, void *buffer, unsigned int *length) {
-    if (check_record(port, __func__, __LINE__) != 0) [[unlikely]]
-        return EINVAL;
-    if (*length == 0) [[unlikely]]
-        return KIV_WARN(EIO);
-    auto *at = static_cast<char *>(buffer);
-    unsigned int remaining = *length;
-    do {
-        const int ret = pos_read(port, at, remaining);
-        if (ret > 0) [[likely]] {
-            at += ret;
-            remaining -= static_cast<unsigned int>(ret);
-            continue;
+    const int refusal = check_reader(port, __func__, __LINE__);
+    if (refusal != 0) [[unlikely]]
+        return refusal;
+    if (!is_usual(*length)) [[unlikely]]
+        return read_unusual(port, buffer, length);
+    const int ret = pos_read(port, buffer, *length);
+    if (is_all(ret, *length)) [[likely]]
+        return 0;
+    return read_rest(port, buffer, length, ret);
+}
+
+namespace {
+
+constexpr unsigned int second_us = 1000000;
+
+// Whole seconds go into their own field. The device's processor has no divider, so they are found bit by bit.
+KIV_COLD timeval split_seconds(unsigned int timeout_us) {
+    time_t seconds = 0;
+    for (unsigned int bit = 12; bit <= 12; --bit)
+        if (timeout_us >= second_us << bit) {
+            timeout_us -= second_us << bit;
+            seconds += 1 << bit;
         }
-        const int status = stream_failure(
-            ret, KIV_SITE("ret = pos_read(UART_infos, buffer + (*length - remaining), remaining)"));
-        if (status != EINTR) {
-            *length -= remaining;
-            return status;
-        }
-    } while (remaining > 0);
+    return {.tv_sec = seconds, .tv_usec = static_cast<suseconds_t>(timeout_us)};
+}
+
+KIV_HOT timeval limit_of(unsigned int timeout_us) {
+    if (timeout_us < second_us) [[likely]]
+        return {.tv_sec = 0, .tv_usec = static_cast<suseconds_t>(timeout_us)};
+    return split_seconds(timeout_us);
+}
+
+enum class timed_step { first_byte, wait, piece };
+
+// What a timed read knows between two steps.
+struct timed_read {
+    UART_infos *port;
+    char *buffer;
+    unsigned int *length;
+    unsigned int timeout_us;
+    unsigned int got; // bytes so far
+    int fd;           // what the last wait was for
+};
+
+// Waits on the descriptor that the port has now. Having none is like a time-out: a writer has noticed that
+// the peer is gone, and nothing more comes from that one.
+KIV_HOT int wait_for_piece(int fd, unsigned int timeout_us) {
+    if (fd < 0) [[unlikely]]
+        return 0;
+    timeval timeout = limit_of(timeout_us);
+    return kiv::wait_readable(fd, &timeout);
+}
+
+// A wait that ended without data. Returns the status of the read, or EINTR to wait once more: a writer closed
+// the descriptor while the wait was on its way.
+KIV_COLD int end_of_wait(const timed_read &now, int ready) {
+    constexpr char function[] = "sup_uart_Read_partial_timeout";
+    if (ready == -1) {
+        if (errno == EBADF && current_fd(*now.port) != now.fd)
+            return EINTR;
+        const int error = trace_errno(kiv::in(
+            function,
+            KIV_SITE("ret = select(UART_infos->fd+1, &readset, ((void *)0), ((void *)0), &timeout)")));
+        if (error != EINTR)
+            return warn(error, function, __LINE__);
+    }
+    *now.length = now.got;
     return 0;
 }
+
+KIV_COLD int end_of_timed_read(timed_step step, int ret) {
+    constexpr char function[] = "sup_uart_Read_partial_timeout";
+    if (step == timed_step::first_byte)
+        return stream_failure(ret, kiv::in(function, KIV_SITE("ret = pos_read(UART_infos, buffer, 1)")));
+    return stream_failure(
+        ret,
+        kiv::in(function, KIV_SITE("ret = pos_read(UART_infos, buffer + (*length - remaining), remaining)")));
+}
+
+// Goes on with a timed read from the step whose call gave ret.
+[[gnu::noinline]] int read_timed_rest(timed_read now, timed_step step, int ret) {
+    for (;;) {
+        if (step == timed_step::wait) {
+            const int status = ret > 0 ? EINTR : end_of_wait(now, ret);
+            if (status != EINTR)
+                return status;
+            step = ret > 0 ? timed_step::piece : timed_step::wait;
+        } else if (ret == 0 || ret == -1) {
+            const int status = end_of_timed_read(step, ret);
+            if (status != EINTR)
+                return status;
+        } else {
+            const bool first = step == timed_step::first_byte;
+            check(!first || ret == 1, kiv::in("sup_uart_Read_partial_timeout", KIV_SITE("ret == 1")));
+            now.got += first ? 1u : static_cast<unsigned int>(ret);
+            if (now.got == *now.length)
+                return 0;
+            step = timed_step::wait;
+        }
+        if (step == timed_step::wait) {
+            now.fd = current_fd(*now.port);
+            ret = wait_for_piece(now.fd, now.timeout_us);
+        } else {
+            const unsigned int wanted = step == timed_step::first_byte ? 1 : *now.length - now.got;
+            ret = pos_read(now.port, now.buffer + now.got, wanted);
+        }
+    }
+}
+
+} // namespace
 
 int sup_uart_Read_partial_timeout(UART_infos *port, void *buffer, unsigned int *length,
                                   unsigned int timeout_us) {
-    if (check_record(port, __func__, __LINE__) != 0) [[unlikely]]
-        return EINVAL;
-    if (current_fd(*port) < 0)
+    const int refusal = check_reader(port, __func__, __LINE__);
+    if (refusal != 0) [[unlikely]]
+        return refusal;
+    const int fd = current_fd(*port);
+    if (fd < 0) [[unlikely]]
         return sup_uart_Read_partial(port, buffer, length);
-    if (*length == 0)
+    const unsigned int wanted = *length;
+    if (wanted == 0) [[unlikely]]
         return 0;
-
-    int ret = pos_read(port, buffer, 1);
-    while (ret == -1 || ret == 0)
-        [[unlikely]] {
-            const int status = stream_failure(ret, KIV_SITE("ret = pos_read(UART_infos, buffer, 1)"));
-            if (status != EINTR)
-                return status;
-            ret = pos_read(port, buffer, 1);
-        }
-    check(ret == 1, KIV_SITE("ret == 1"));
-
-    auto *at = static_cast<char *>(buffer) + 1;
-    unsigned int remaining = *length - 1;
-    while (remaining > 0) {
-        const int fd = current_fd(*port);
-        if (fd < 0) [[unlikely]] // a writer has noticed that the peer is gone: nothing more comes from it
-            break;
-        timeval timeout = limit_of(timeout_us);
-        ret = kiv::wait_readable(fd, &timeout);
-        if (ret == -1) [[unlikely]] {
-            if (errno == EBADF && current_fd(*port) != fd)
-                continue; // closed by that writer while this was on its way into the wait
-            const int error = trace_errno(
-                KIV_SITE("ret = select(UART_infos->fd+1, &readset, ((void *)0), ((void *)0), &timeout)"));
-            if (error != EINTR)
-                return KIV_WARN(error);
-        }
-        if (ret <= 0)
-            break;
-        for (;;) {
-            ret = pos_read(port, at, remaining);
-            if (ret > 0) [[likely]]
-                break;
-            const int status = stream_failure(
-                ret, KIV_SITE("ret = pos_read(UART_infos, buffer + (*length - remaining), remaining)"));
-            if (status != EINTR)
-                return status;
-        }
-        at += ret;
-        remaining -= static_cast<unsigned int>(ret);
-    }
-    *length -= remaining;
-    return 0;
+    auto *at = static_cast<char *>(buffer);
+    int ret = pos_read(port, at, 1);
+    if (ret != 1 || !is_usual(wanted - 1)) [[unlikely]]
+        return read_timed_rest({port, at, length, timeout_us, 0, fd}, timed_step::first_byte, ret);
+    const int waited = current_fd(*port);
+    ret = wait_for_piece(waited, timeout_us);
+    if (ret <= 0) [[unlikely]]
+        return read_timed_rest({port, at, length, timeout_us, 1, waited}, timed_step::wait, ret);
+    ret = pos_read(port, at + 1, wanted - 1);
+    if (is_all(ret, wanted - 1)) [[likely]]
+        return 0;
+    return read_timed_rest({port, at, length, timeout_us, 1, waited}, timed_step::piece, ret);
 }
+
+namespace {
+
+// Goes on with a send whose first call gave ret.
+[[gnu::noinline]] int send_rest(UART_infos *port, const void *buffer, unsigned int length, int ret) {
+    const auto *at = static_cast<const char *>(buffer);
+    for (;;) {
+        if (ret > 0) {
+            at += ret;
+            length -= static_cast<unsigned int>(ret);
+            if (length == 0)
+                return 0;
+        } else {
+            const int status = stream_failure(
+                ret,
+                kiv::in("sup_uart_Send",
+                        KIV_SITE("ret = pos_write(UART_infos, buffer + (length - remaining), remaining)")));
+            if (status != EINTR)
+                return status;
+        }
+        ret = pos_write(port, at, length);
+    }
+}
+
+KIV_COLD int send_unusual(UART_infos *port, const void *buffer, unsigned int length) {
+    if (length == 0)
+        return warn(EIO, "sup_uart_Send", __LINE__);
+    return send_rest(port, buffer, length, pos_write(port, buffer, length));
+}
+
+// The send itself, on a record that has been checked.
+KIV_HOT int send_piece(UART_infos *port, const void *buffer, unsigned int length) {
+    if (!is_usual(length)) [[unlikely]]
+        return send_unusual(port, buffer, length);
+    const int ret = pos_write(port, buffer, length);
+    if (is_all(ret, length)) [[likely]]
+        return 0;
+    return send_rest(port, buffer, length, ret);
+}
+
+} // namespace
 
 int sup_uart_Send(UART_infos *port, const void *buffer, unsigned int length) {
     if (check_record(port, __func__, __LINE__) != 0) [[unlikely]]
         return EINVAL;
-    if (length == 0) [[unlikely]]
-        return KIV_WARN(EIO);
-    const auto *at = static_cast<const char *>(buffer);
-    unsigned int remaining = length;
-    do {
-        const int ret = pos_write(port, at, remaining);
-        if (ret > 0) [[likely]] {
-            at += ret;
-            remaining -= static_cast<unsigned int>(ret);
-            continue;
-        }
-        const int status = stream_failure(
-            ret, KIV_SITE("ret = pos_write(UART_infos, buffer + (length - remaining), remaining)"));
-        if (status != EINTR)
-            return status;
-    } while (remaining > 0);
-    return 0;
+    return send_piece(port, buffer, length);
 }
 
 namespace {
@@ -386,13 +521,15 @@ int send_gathered(UART_infos *port, const iovec *iov, int iovcnt, unsigned int *
 
 int sup_uart_Sendv(UART_infos *port, const struct iovec *iov, int iovcnt, unsigned int *sent) {
     *sent = 0;
-    if (check_record(port, __func__, __LINE__) != 0) [[unlikely]]
+    const bool open = is_open(port);
+    if (!open && refuse_record(port, __func__, __LINE__) != 0) [[unlikely]]
         return EINVAL;
     if (port->writev != nullptr)
         return send_gathered(port, iov, iovcnt, sent, __func__);
-    for (int i = 0; i < iovcnt; ++i) {
-        const auto length = static_cast<unsigned int>(iov[i].iov_len);
-        const int status = sup_uart_Send(port, iov[i].iov_base, length);
+    for (const iovec *end = iov + iovcnt; iov < end; ++iov) {
+        const auto length = static_cast<unsigned int>(iov->iov_len);
+        const int status =
+            open ? send_piece(port, iov->iov_base, length) : sup_uart_Send(port, iov->iov_base, length);
         *sent += length;
         if (status != 0) [[unlikely]]
             return KIV_WARN(status);
@@ -573,18 +710,14 @@ int sup_uart_Stop_UART(UART_infos *port) {
 namespace {
 
 // A stream whose transport has nothing special to do at the end: it owns the connection in fd, the socket in
-// fd_listen, and the block of memory in priv, as far as there are any. They are forgotten, so that closing
-// twice by mistake does not hit whoever has the numbers next.
+// fd_listen, and the block of memory in priv, as far as there are any.
 int release_stream(UART_infos &port) {
     if (port.fd >= 0)
         ::close(port.fd);
     if (kiv::owns_listener(port))
         ::close(port.fd_listen);
     ::free(port.priv);
-    port.fd = -1;
-    port.fd_listen = -1;
-    port.flags = UART_FLAG_STREAM;
-    port.priv = nullptr;
+    kiv::detach(port);
     return 0;
 }
 

@@ -23,14 +23,15 @@
 #include <sys/socket.h>
 
 #include "common/fd.h"
+#include "common/hints.h"
 #include "common/lock.h"
 #include "common/memory.h"
+#include "common/prefix.h"
 #include "common/report.h"
 #include "common/slots.h"
 #include "common/wait.h"
 #include "kiv/transports.h"
 
-using kiv::connection;
 using kiv::mutex_hold;
 using kiv::trace_errno;
 
@@ -115,53 +116,79 @@ void adopt(UART_infos &port, int obtained) {
         kiv::set_current_fd(port, nobody);
 }
 
-// The reader's way to a connection: it waits for one without the lock, and writers see that it does.
-[[gnu::cold, gnu::noinline]] void await_peer(UART_infos &port) {
-    kiv::set_current_fd(port, waiting);
-    sup_mutex_unlock(&tcp_mutex);
-    const int obtained = obtain(port, patience::until_connected);
-    sup_mutex_lock(&tcp_mutex);
-    adopt(port, obtained);
+// The reader's way to a connection: it waits for one without the lock, and writers see that it does. When the
+// wait fails, the port is as before it.
+KIV_COLD void await_peer(UART_infos &port, const char *function) {
+    kiv::check(kiv::current_fd(port) != waiting, kiv::in(function, KIV_SITE("UART_infos->fd != -2")));
+    const mutex_hold hold(tcp_mutex);
+    if (port.fd == nobody) {
+        kiv::set_current_fd(port, waiting);
+        sup_mutex_unlock(&tcp_mutex);
+        const int obtained = obtain(port, patience::until_connected);
+        sup_mutex_lock(&tcp_mutex);
+        adopt(port, obtained);
+    }
+    if (port.fd == waiting)
+        kiv::set_current_fd(port, nobody);
 }
 
 // The writer's: it takes what is there at once.
-[[gnu::cold, gnu::noinline]] void try_peer(UART_infos &port) {
-    adopt(port, obtain(port, patience::once));
+KIV_COLD void try_peer(UART_infos &port) {
+    const mutex_hold hold(tcp_mutex);
+    if (port.fd == nobody)
+        adopt(port, obtain(port, patience::once));
 }
 
 // Ends the connection on which a call has failed, unless that has been done already. Whoever is still blocked
 // on it is woken, and the peer learns of the end even if somebody is. A client's socket stays open: the next
 // attempt puts a fresh one under its number.
-[[gnu::cold, gnu::noinline]] void lose(UART_infos &port, connection failed) {
+KIV_COLD void lose(UART_infos &port, uint32_t failed) {
     const mutex_hold hold(tcp_mutex);
-    if (!kiv::is_current(port, failed))
+    const int fd = port.fd;
+    if (fd < 0 || kiv::connection_count(port) != failed)
         return;
-    if (failed.fd >= 0) {
-        ::shutdown(failed.fd, SHUT_RDWR);
-        if (!is_client(port))
-            ::close(failed.fd);
-    }
+    ::shutdown(fd, SHUT_RDWR);
+    if (!is_client(port))
+        ::close(fd);
     kiv::set_current_fd(port, nobody);
 }
 
 // 3. Data -----------------------------------------------------------------------------------------------
 
-[[gnu::always_inline]] inline int read_stream(UART_infos *port, void *buffer, unsigned int length,
-                                              const char *function) {
+KIV_HOT uint32_t locked_count(const UART_infos &port) {
+    sup_mutex_lock(&tcp_mutex);
+    const uint32_t count = kiv::connection_count(port);
+    sup_mutex_unlock(&tcp_mutex);
+    return count;
+}
+
+// One attempt: the bytes read, or a result that is not positive.
+KIV_HOT ssize_t read_once(const UART_infos &port, void *buffer, unsigned int length) {
+    const int fd = kiv::current_fd(port);
+    return fd >= 0 ? ::read(fd, buffer, length) : -1;
+}
+
+// Goes on with a read that found no connection or failed on the one that it found.
+KIV_COLD int read_again(UART_infos *port, void *buffer, unsigned int length, uint32_t connection,
+                        const char *function) {
     for (;;) {
-        kiv::check(kiv::current_fd(*port) != waiting, kiv::in(function, KIV_SITE("UART_infos->fd != -2")));
-        sup_mutex_lock(&tcp_mutex);
-        if (port->fd == nobody) [[unlikely]]
-            await_peer(*port);
-        const connection now = kiv::current_connection(*port);
-        sup_mutex_unlock(&tcp_mutex);
-        if (now.fd >= 0) [[likely]] {
-            const ssize_t count = ::read(now.fd, buffer, length);
-            if (count > 0) [[likely]]
-                return static_cast<int>(count);
-        }
-        lose(*port, now);
+        if (kiv::current_fd(*port) >= 0)
+            lose(*port, connection);
+        if (kiv::current_fd(*port) < 0)
+            await_peer(*port, function);
+        connection = locked_count(*port);
+        const ssize_t count = read_once(*port, buffer, length);
+        if (count > 0)
+            return static_cast<int>(count);
     }
+}
+
+KIV_HOT int read_stream(UART_infos *port, void *buffer, unsigned int length, const char *function) {
+    const uint32_t connection = locked_count(*port);
+    const ssize_t count = read_once(*port, buffer, length);
+    if (count > 0) [[likely]]
+        return static_cast<int>(count);
+    return read_again(port, buffer, length, connection, function);
 }
 
 int pos_read_tcp(UART_infos *port, void *buffer, unsigned int length) {
@@ -172,24 +199,36 @@ int pos_read_tcp_client(UART_infos *port, void *buffer, unsigned int length) {
     return read_stream(port, buffer, length, __func__);
 }
 
-// Data that nobody takes is dropped and counts as sent.
-int dropped(unsigned int length) {
+constexpr ssize_t not_tried = -2;
+
+KIV_HOT ssize_t send_once(const UART_infos &port, const void *buffer, unsigned int length) {
+    const int fd = kiv::current_fd(port);
+    return fd >= 0 ? ::send(fd, buffer, length, MSG_NOSIGNAL) : not_tried;
+}
+
+// Goes on with a write that failed, or that found nobody: that one tries once more, on a peer that is there
+// at once. Data that nobody takes is dropped and counts as sent.
+KIV_COLD int write_again(UART_infos *port, const void *buffer, unsigned int length, uint32_t connection,
+                         ssize_t count) {
+    if (count == not_tried) {
+        try_peer(*port);
+        connection = locked_count(*port);
+        count = send_once(*port, buffer, length);
+        if (count > 0)
+            return static_cast<int>(count);
+    }
+    if (count != not_tried)
+        lose(*port, connection);
     return static_cast<int>(std::min<unsigned int>(length, INT_MAX));
 }
 
+// Both kinds of port.
 int pos_write_tcp(UART_infos *port, const void *buffer, unsigned int length) {
-    sup_mutex_lock(&tcp_mutex);
-    if (port->fd == nobody) [[unlikely]]
-        try_peer(*port);
-    const connection now = kiv::current_connection(*port);
-    sup_mutex_unlock(&tcp_mutex);
-    if (now.fd < 0) [[unlikely]]
-        return dropped(length);
-    const ssize_t count = ::send(now.fd, buffer, length, MSG_NOSIGNAL);
+    const uint32_t connection = locked_count(*port);
+    const ssize_t count = send_once(*port, buffer, length);
     if (count > 0) [[likely]]
         return static_cast<int>(count);
-    lose(*port, now);
-    return dropped(length);
+    return write_again(port, buffer, length, connection, count);
 }
 
 sockaddr_in address_of(in_addr host, long port_number) {
@@ -198,15 +237,6 @@ sockaddr_in address_of(in_addr host, long port_number) {
     address.sin_port = htons(static_cast<uint16_t>(port_number)); // the low 16 bits
     address.sin_addr = host;
     return address;
-}
-
-constexpr char server_prefix[] = "tcp:";
-constexpr char client_prefix[] = "tcpout:";
-
-// The text after the prefix, or null for another name.
-template <size_t Size>
-const char *after(const char (&prefix)[Size], const char *name) {
-    return ::strncmp(name, prefix, Size - 1) == 0 ? name + Size - 1 : nullptr;
 }
 
 } // namespace
@@ -218,7 +248,7 @@ int pos_open_tcp(UART_infos *port, const char *device_name, unsigned int options
         return kiv::refuse_null(KIV_SITE("(UART_infos) != ((void *)0)"));
     if (device_name == nullptr)
         return kiv::refuse_null(KIV_SITE("(device_name) != ((void *)0)"));
-    const char *number = after(server_prefix, device_name);
+    const char *number = kiv::after("tcp:", device_name);
     if (number == nullptr)
         return EINVAL;
     const long port_number = ::strtol(number, nullptr, 10);
@@ -261,7 +291,7 @@ struct peer_name {
 
 // "tcpout:", a dotted IPv4 address, ":" and a number.
 bool parse(const char *device_name, peer_name &peer) {
-    const char *host = after(client_prefix, device_name);
+    const char *host = kiv::after("tcpout:", device_name);
     const char *colon = host != nullptr ? ::strchr(host, ':') : nullptr;
     if (colon == nullptr || static_cast<size_t>(colon - host) >= sizeof peer.host)
         return false;
@@ -324,8 +354,6 @@ int pos_close_tcp_client(UART_infos *port) {
     if (port->priv != nullptr && port->fd_listen >= 0)
         ::close(port->fd_listen);
     ::free(port->priv);
-    port->priv = nullptr;
-    port->fd_listen = -1;
-    port->fd = nobody;
+    kiv::detach(*port);
     return 0;
 }

@@ -1,0 +1,16 @@
+// Where code goes: hot paths in a straight line where speed is asked for, small where size is.
+
+#ifndef KIV_COMMON_HINTS_H
+#define KIV_COMMON_HINTS_H
+
+// Before a function that each call on a data path passes through.
+#ifdef __OPTIMIZE_SIZE__
+#    define KIV_HOT inline
+#else
+#    define KIV_HOT [[gnu::always_inline]] inline
+#endif
+
+// Before a function that only failures and rare turns reach.
+#define KIV_COLD [[gnu::cold, gnu::noinline]]
+
+#endif
