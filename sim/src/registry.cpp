@@ -1,0 +1,91 @@
+#include "registry.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "waiting.h"
+
+namespace kiv::sim {
+
+constinit std::atomic<open_file *> descriptor_table[descriptor_limit] = {};
+
+namespace {
+
+// Guards the table's writers and every reference count; never held while a model runs.
+constinit mutex table_lock;
+
+// Gives a reference back; the last one ends the file. Only without the lock.
+void drop(open_file *file) {
+    {
+        const guard hold(table_lock);
+        if (--file->references > 0)
+            return;
+    }
+    const errno_keeper keeper;
+    if (file->ops->release != nullptr)
+        file->ops->release(file->state);
+    ::free(file);
+}
+
+// Puts `next` into the table and drops what was there.
+void replace(int fd, open_file *next) {
+    open_file *previous = nullptr;
+    {
+        const guard hold(table_lock);
+        previous = descriptor_table[fd].exchange(next);
+        if (next != nullptr)
+            ++next->references;
+    }
+    if (previous != nullptr)
+        drop(previous);
+}
+
+} // namespace
+
+bool attach(int fd, const opened &made) {
+    if (fd >= descriptor_limit) {
+        errno = EMFILE;
+        return false;
+    }
+    // realloc is the allocation call that the shim leaves alone.
+    auto *file = static_cast<open_file *>(::realloc(nullptr, sizeof(open_file)));
+    if (file == nullptr)
+        return false;
+    *file = open_file{.ops = made.ops, .state = made.state, .references = 0};
+    replace(fd, file);
+    return true;
+}
+
+void share(int fd, int copy) {
+    if (copy < 0 || copy >= descriptor_limit || fd == copy)
+        return;
+    open_file *file = nullptr;
+    if (is_simulated(fd)) {
+        const guard hold(table_lock);
+        file = descriptor_table[fd].load();
+        if (file != nullptr)
+            ++file->references; // until `copy` has its own
+    }
+    if (file != nullptr || is_simulated(copy))
+        replace(copy, file);
+    if (file != nullptr)
+        drop(file);
+}
+
+void detach(int fd) {
+    if (is_simulated(fd))
+        replace(fd, nullptr);
+}
+
+void held_file::acquire(int fd) {
+    const guard hold(table_lock);
+    file_ = descriptor_table[fd].load();
+    if (file_ != nullptr)
+        ++file_->references;
+}
+
+void held_file::release() {
+    drop(file_);
+}
+
+} // namespace kiv::sim
