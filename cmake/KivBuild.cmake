@@ -14,7 +14,7 @@ target_compile_options(kiv-warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef -Wcast-align
   -Wpointer-arith -Wwrite-strings -Wvla
   $<$<BOOL:${KIV_WARNINGS_AS_ERRORS}>:-Werror>
-  $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wcast-align=strict -Wlogical-op -Wduplicated-cond -Wuseless-cast>
+  $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wcast-align=strict -Wlogical-op -Wduplicated-cond>
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Wextra-semi>
   $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes -Wmissing-prototypes>)
 
@@ -27,6 +27,8 @@ endmacro()
 # A shared library as the device gets it: nothing undefined, nothing writable after relocation, small.
 function(kiv_harden target)
   target_link_options(${target} PRIVATE
-    -Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed -Wl,--build-id=none
-    $<$<NOT:$<BOOL:${KIV_SANITIZE}>>:-Wl,-z,defs>)
+    -Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed -Wl,--build-id=none)
+  if(NOT KIV_SANITIZE)
+    target_link_options(${target} PRIVATE -Wl,-z,defs)
+  endif()
 endfunction()

@@ -8,7 +8,7 @@
 namespace kiv::sim {
 namespace {
 
-constinit real_calls found;
+constinit real_calls found = {};
 constinit std::atomic<bool> looked_up{false};
 
 template <class Function>

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "memory.h"
 #include "waiting.h"
 
 namespace kiv::sim {
@@ -47,8 +48,7 @@ bool attach(int fd, const opened &made) {
         errno = EMFILE;
         return false;
     }
-    // realloc is the allocation call that the shim leaves alone.
-    auto *file = static_cast<open_file *>(::realloc(nullptr, sizeof(open_file)));
+    auto *file = allocate<open_file>();
     if (file == nullptr)
         return false;
     *file = open_file{.ops = made.ops, .state = made.state, .references = 0};

@@ -25,6 +25,7 @@
 #include "byte_queue.h"
 #include "device.h"
 #include "kiv/sim.h"
+#include "memory.h"
 #include "real.h"
 #include "serial_line.h"
 #include "waiting.h"
@@ -207,7 +208,7 @@ void end_link(link *ended) {
 }
 
 link *make_link(line &of, int index) {
-    auto *made = static_cast<link *>(::realloc(nullptr, sizeof(link)));
+    auto *made = allocate<link>();
     if (made == nullptr)
         return nullptr;
     const char *path = external_path(index);
