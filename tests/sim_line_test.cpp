@@ -229,6 +229,11 @@ TEST_F(SimLine, CarriesBytesBothWays) {
     char buffer[8];
     EXPECT_EQ(::read(fd_, buffer, 3), 3);
     EXPECT_EQ(state().input_queued, 2U);
+    feed(large);
+    EXPECT_EQ(state().input_queued, 2U + large.size());
+    while (kiv_sim_line_send(0, large.data(), large.size()) == large.size()) {
+        // Until the input queue is full: it has an end, and sending never waits for it.
+    }
     EXPECT_EQ(errno, before);
 }
 
@@ -424,7 +429,10 @@ TEST_F(SimLine, IsAStreamToo) {
     feed("line\n");
     char text[16];
     EXPECT_STREQ(::fgets(text, sizeof text, stream), "line\n");
+    ::rewind(stream);
+    EXPECT_EQ(::fputs("answer", stream), 1);
     EXPECT_EQ(::fclose(stream), 0);
+    EXPECT_EQ(sent(), "answer");
     EXPECT_EQ(state().near_ends, 1U);
     // The number of the closed stream's descriptor is not the line's any more.
     int ends[2];

@@ -6,9 +6,10 @@
 // call to the kernel.
 //
 // Rules for a model: call the C library's wrapped functions only as real().name(...); set errno where -1 is
-// returned, as a driver would (the frame restores it after success); lock what threads share, and block only
-// in event::wait or in a real call, with no lock of another module held. Every call holds a reference to the
-// open file: `release` comes when the last descriptor is closed and the last call has returned.
+// returned, as a driver would (the frame restores it after the success of an operation); lock what threads
+// share, and block only in event::wait or in a real call, with no lock of another module held. Every call
+// holds a reference to the open file: `release` comes when the last descriptor is closed and the last call
+// has returned.
 
 #ifndef KIV_SIM_DEVICE_H
 #define KIV_SIM_DEVICE_H

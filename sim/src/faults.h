@@ -11,9 +11,11 @@
 
 namespace kiv::sim {
 
-extern std::atomic<std::uint32_t> armed_faults;
-extern std::atomic<std::uint32_t> call_counts[KIV_SIM_CALL_KINDS];
-extern std::atomic<std::uint32_t> count_watchers;
+// NOLINTBEGIN(bugprone-dynamic-static-initializers): they are constinit
+extern constinit std::atomic<std::uint32_t> armed_faults;
+extern constinit std::atomic<std::uint32_t> call_counts[KIV_SIM_CALL_KINDS];
+extern constinit std::atomic<std::uint32_t> count_watchers;
+// NOLINTEND(bugprone-dynamic-static-initializers)
 
 void wake_watchers(kiv_sim_call call);
 bool find_due(kiv_sim_call call, unsigned long request, kiv_sim_fault &due);
@@ -21,7 +23,7 @@ void reset_faults();
 
 // The fault, if any, that one call meets.
 class fault {
-    kiv_sim_fault due_;
+    kiv_sim_fault due_ = {};
     bool due_now_ = false;
 
   public:

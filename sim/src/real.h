@@ -114,6 +114,7 @@ int __clock_nanosleep_time64(clockid_t clock, int flags, const timespec64 *wante
 namespace kiv::sim {
 
 struct real_calls {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a member's name takes none
 #define KIV_SIM_REAL_MEMBER(name) decltype(&::name) name;
     KIV_SIM_REAL_CALLS(KIV_SIM_REAL_MEMBER)
 #undef KIV_SIM_REAL_MEMBER

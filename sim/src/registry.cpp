@@ -28,16 +28,16 @@ void drop(open_file *file) {
     ::free(file);
 }
 
-// Puts `next` into the table and drops what was there.
+// Puts `next` into the table, with a reference of its own; the one of what was there is the caller's.
+open_file *exchange(int fd, open_file *next) {
+    const guard hold(table_lock);
+    if (next != nullptr)
+        ++next->references;
+    return descriptor_table[fd].exchange(next);
+}
+
 void replace(int fd, open_file *next) {
-    open_file *previous = nullptr;
-    {
-        const guard hold(table_lock);
-        previous = descriptor_table[fd].exchange(next);
-        if (next != nullptr)
-            ++next->references;
-    }
-    if (previous != nullptr)
+    if (open_file *previous = exchange(fd, next))
         drop(previous);
 }
 
@@ -72,9 +72,12 @@ void share(int fd, int copy) {
         drop(file);
 }
 
-void detach(int fd) {
-    if (is_simulated(fd))
-        replace(fd, nullptr);
+void detached::take(int fd) {
+    file_ = exchange(fd, nullptr);
+}
+
+void detached::release() {
+    drop(file_);
 }
 
 void held_file::acquire(int fd) {

@@ -17,7 +17,8 @@ struct open_file {
 };
 
 inline constexpr int descriptor_limit = 65536;
-extern std::atomic<open_file *> descriptor_table[descriptor_limit];
+// NOLINTNEXTLINE(bugprone-dynamic-static-initializers): it is constinit
+extern constinit std::atomic<open_file *> descriptor_table[descriptor_limit];
 
 inline bool is_simulated(int fd) {
     return fd >= 0 && fd < descriptor_limit &&
@@ -30,9 +31,27 @@ bool attach(int fd, const opened &made);
 // `copy` has become another descriptor of what `fd` is: of its device, or of no device.
 void share(int fd, int copy);
 
-// fd stands for no device any more. Before the descriptor is closed, since its number may be given away at
-// once; and for a fresh descriptor, in case an old one of its number was closed behind the board's back.
-void detach(int fd);
+// While it lives, fd stands for no device any more, and the open file is still there. Made before the
+// descriptor is closed, since its number may be given away at once; and for a fresh descriptor, in case an
+// old one of its number was closed behind the board's back.
+class detached {
+    open_file *file_ = nullptr;
+
+    void take(int fd);
+    void release();
+
+  public:
+    explicit detached(int fd) {
+        if (is_simulated(fd))
+            take(fd);
+    }
+    detached(const detached &) = delete;
+    detached &operator=(const detached &) = delete;
+    ~detached() {
+        if (file_ != nullptr)
+            release();
+    }
+};
 
 // The open file behind a descriptor, for one call.
 class held_file {

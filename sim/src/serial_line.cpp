@@ -132,8 +132,7 @@ serial_line::received serial_line::receive(unsigned char byte) {
 }
 
 bool serial_line::ends_line(unsigned char byte) const {
-    return byte == '\n' || byte == settings_.c_cc[VEOF] ||
-           (settings_.c_cc[VEOL] != 0 && byte == settings_.c_cc[VEOL]);
+    return byte == '\n' || (settings_.c_cc[VEOL] != 0 && byte == settings_.c_cc[VEOL]);
 }
 
 std::size_t serial_line::transmit(unsigned char byte, unsigned char sent[2]) const {

@@ -89,8 +89,7 @@ bool is_standard_stream(int fd) {
 
 // The kernel has given out a number that a simulated device may have had, unnoticed, before.
 int fresh(int fd) {
-    if (fd >= 0)
-        detach(fd);
+    const detached stale(fd);
     return fd;
 }
 
@@ -163,45 +162,49 @@ FILE *open_stream(const char *path, const char *mode, decltype(&::fopen) real_ca
     FILE *stream = ::fdopen(fd, mode);
     if (stream == nullptr) {
         const errno_keeper keeper;
-        detach(fd);
+        const detached ended(fd);
         real().close(fd);
     }
     return stream;
 }
 
 // The third argument of the open family exists only with these flags.
-bool takes_mode(int flags) {
-    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+mode_t read_mode(int flags, va_list arguments) {
+    const bool given = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    return given ? va_arg(arguments, mode_t) : 0;
 }
-
-#define KIV_SIM_READ_MODE(mode, flags)                                                                       \
-    mode_t mode = 0;                                                                                         \
-    if (takes_mode(flags)) {                                                                                 \
-        va_list arguments;                                                                                   \
-        va_start(arguments, flags);                                                                          \
-        mode = va_arg(arguments, mode_t);                                                                    \
-        va_end(arguments);                                                                                   \
-    }
 
 } // namespace
 
 KIV_SIM_LIBC int open(const char *path, int flags, ...) {
-    KIV_SIM_READ_MODE(mode, flags)
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = read_mode(flags, arguments);
+    va_end(arguments);
     return open_path(path, flags, [=] { return real().open(path, flags, mode); });
 }
 
 KIV_SIM_LIBC int open64(const char *path, int flags, ...) {
-    KIV_SIM_READ_MODE(mode, flags)
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = read_mode(flags, arguments);
+    va_end(arguments);
     return open_path(path, flags, [=] { return real().open64(path, flags, mode); });
 }
 
 KIV_SIM_LIBC int openat(int directory, const char *path, int flags, ...) {
-    KIV_SIM_READ_MODE(mode, flags)
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = read_mode(flags, arguments);
+    va_end(arguments);
     return open_path(path, flags, [=] { return real().openat(directory, path, flags, mode); });
 }
 
 KIV_SIM_LIBC int openat64(int directory, const char *path, int flags, ...) {
-    KIV_SIM_READ_MODE(mode, flags)
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = read_mode(flags, arguments);
+    va_end(arguments);
     return open_path(path, flags, [=] { return real().openat64(directory, path, flags, mode); });
 }
 
@@ -229,19 +232,26 @@ KIV_SIM_LIBC FILE *fopen64(const char *path, const char *mode) {
     return open_stream(path, mode, real().fopen64);
 }
 
-// The C library closes the descriptor by a name of its own.
+namespace {
+
+// fileno says EBADF of a stream without a descriptor, which is nobody's error here.
+int descriptor_of(FILE *stream) {
+    const errno_keeper keeper;
+    return ::fileno(stream);
+}
+
+} // namespace
+
+// The C library writes what is buffered and closes the descriptor by names of its own.
 KIV_SIM_LIBC int fclose(FILE *stream) {
-    {
-        const errno_keeper keeper;
-        detach(::fileno(stream));
-    }
+    const detached ended(descriptor_of(stream));
     return real().fclose(stream);
 }
 
 // A close that reports a failure has closed all the same.
 KIV_SIM_LIBC int close(int fd) {
     const fault due(KIV_SIM_CLOSE);
-    detach(fd);
+    const detached ended(fd);
     if (!due.answers())
         return real().close(fd);
     {
@@ -270,13 +280,6 @@ int control(int fd, int command, void *argument, decltype(&::fcntl) real_call) {
     return plain(KIV_SIM_FCNTL, call);
 }
 
-// The one argument of fcntl and ioctl, whatever its type: as the C library itself takes it.
-#define KIV_SIM_READ_ARGUMENT(argument, last)                                                                \
-    va_list arguments;                                                                                       \
-    va_start(arguments, last);                                                                               \
-    void *const argument = va_arg(arguments, void *);                                                        \
-    va_end(arguments);
-
 } // namespace
 
 KIV_SIM_LIBC int dup(int fd) noexcept {
@@ -295,12 +298,18 @@ KIV_SIM_LIBC int dup3(int fd, int copy, int flags) noexcept {
 }
 
 KIV_SIM_LIBC int fcntl(int fd, int command, ...) {
-    KIV_SIM_READ_ARGUMENT(argument, command)
+    va_list arguments;
+    va_start(arguments, command);
+    void *const argument = va_arg(arguments, void *);
+    va_end(arguments);
     return control(fd, command, argument, real().fcntl);
 }
 
 KIV_SIM_LIBC int fcntl64(int fd, int command, ...) {
-    KIV_SIM_READ_ARGUMENT(argument, command)
+    va_list arguments;
+    va_start(arguments, command);
+    void *const argument = va_arg(arguments, void *);
+    va_end(arguments);
     return control(fd, command, argument, real().fcntl64);
 }
 
@@ -383,17 +392,20 @@ int request_of(int fd, unsigned long request, void *argument, decltype(&::ioctl)
     const held_file file(fd);
     if (file && file.ops().ioctl != nullptr)
         return ask_device(file.ops().ioctl, fd, file.state(), number, argument);
+    const device *known = file ? nullptr : device_of_request(number);
     int result = 0;
-    if (const device *known = file ? nullptr : device_of_request(number))
-        if (known->any_ioctl(fd, argument, &result))
-            return result;
+    if (known != nullptr && known->any_ioctl(fd, argument, &result))
+        return result;
     return real_call(fd, request, argument);
 }
 
 } // namespace
 
 KIV_SIM_LIBC int ioctl(int fd, unsigned long request, ...) noexcept {
-    KIV_SIM_READ_ARGUMENT(argument, request)
+    va_list arguments;
+    va_start(arguments, request);
+    void *const argument = va_arg(arguments, void *);
+    va_end(arguments);
     return request_of(fd, request, argument, real().ioctl);
 }
 
@@ -621,12 +633,18 @@ KIV_SIM_LIBC void *calloc(size_t count, size_t size) noexcept {
 #if KIV_SIM_TIME64
 
 KIV_SIM_LIBC int __ioctl_time64(int fd, unsigned long request, ...) noexcept {
-    KIV_SIM_READ_ARGUMENT(argument, request)
+    va_list arguments;
+    va_start(arguments, request);
+    void *const argument = va_arg(arguments, void *);
+    va_end(arguments);
     return request_of(fd, request, argument, real().__ioctl_time64);
 }
 
 KIV_SIM_LIBC int __fcntl_time64(int fd, int command, ...) {
-    KIV_SIM_READ_ARGUMENT(argument, command)
+    va_list arguments;
+    va_start(arguments, command);
+    void *const argument = va_arg(arguments, void *);
+    va_end(arguments);
     return control(fd, command, argument, real().__fcntl_time64);
 }
 

@@ -57,6 +57,7 @@ struct line {
     event changed;
     serial_line port;
     byte_queue sent;         // left the port, not taken by the far end
+    byte_queue received;     // raw input on its way; empty between calls
     byte_queue unfinished;   // canonical input that waits for its line to end
     link *plugged = nullptr; // the link that new near ends join
     bool hung_up = false;
@@ -119,33 +120,44 @@ void discard(int socket) {
     }
 }
 
-bool deliver(const link &to, const void *data, std::size_t length) {
-    const ssize_t done = real().send(to.far, data, length, MSG_DONTWAIT | MSG_NOSIGNAL);
-    return done == static_cast<ssize_t>(length);
+bool deliver(const link &to, const byte_queue &bytes) {
+    return bytes.size() == 0 ||
+           real().send(to.far, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
 }
 
-// Gives the reader what the canonical queue has collected.
+// Gives the reader what the canonical queue has collected; a reader that is too slow loses it.
 void finish_line(line &of) {
-    if (of.plugged != nullptr && of.unfinished.size() > 0)
-        deliver(*of.plugged, of.unfinished.data(), of.unfinished.size());
+    if (of.plugged != nullptr)
+        deliver(*of.plugged, of.unfinished);
     of.unfinished.clear();
 }
 
-// One byte from the far end. False when the input queue is full.
-bool receive_byte(line &of, unsigned char raw) {
+// Raw input waits for nothing, canonical input for the end of its line.
+void receive_byte(line &of, unsigned char raw, byte_queue &deliverable) {
     const auto byte = of.port.receive(raw);
     if (!byte.delivered)
-        return true;
-    if (of.port.is_canonical()) {
-        of.unfinished.append(&byte.byte, 1);
-        if (of.port.ends_line(byte.byte))
-            finish_line(of);
-    } else if (!deliver(*of.plugged, &byte.byte, 1)) {
-        return false;
-    }
+        return;
     if (byte.echoed)
         transmit(of, &byte.byte, 1);
-    return true;
+    if (!of.port.is_canonical()) {
+        deliverable.append(&byte.byte, 1);
+        return;
+    }
+    of.unfinished.append(&byte.byte, 1);
+    if (of.port.ends_line(byte.byte))
+        finish_line(of);
+}
+
+// At most a chunk from the far end. False, and nothing has happened, when the input queue is full.
+bool receive_chunk(line &of, const unsigned char *data, std::size_t length) {
+    pollfd queue = {.fd = of.plugged->far, .events = POLLOUT, .revents = 0};
+    if (real().poll(&queue, 1, 0) != 1)
+        return false;
+    for (std::size_t i = 0; i < length; ++i)
+        receive_byte(of, data[i], of.received);
+    const bool delivered = deliver(*of.plugged, of.received);
+    of.received.clear();
+    return delivered;
 }
 
 // Opening ----------------------------------------------------------------------------------------------
@@ -270,6 +282,7 @@ void release_tty(void *state) {
     const guard hold(of.lock);
     if (--ended->near_ends == 0) {
         if (of.plugged == ended) {
+            settle(of);
             of.plugged = nullptr;
             if ((of.port.settings().c_cflag & HUPCL) != 0)
                 of.port.drop_outputs();
@@ -648,8 +661,12 @@ size_t kiv_sim_line_send(unsigned index, const void *data, size_t length) {
         if (of.plugged == nullptr || of.plugged->external)
             return;
         const auto *bytes = static_cast<const unsigned char *>(data);
-        while (taken < length && receive_byte(of, bytes[taken]))
-            ++taken;
+        while (taken < length) {
+            const std::size_t part = length - taken < chunk ? length - taken : chunk;
+            if (!receive_chunk(of, bytes + taken, part))
+                break;
+            taken += part;
+        }
         settle(of);
     });
     return taken;
@@ -657,7 +674,10 @@ size_t kiv_sim_line_send(unsigned index, const void *data, size_t length) {
 
 size_t kiv_sim_line_receive(unsigned index, void *buffer, size_t size) {
     size_t taken = 0;
-    with_line(index, [&](line &of) { taken = of.sent.take(buffer, size); });
+    with_line(index, [&](line &of) {
+        settle(of); // a stream's buffer was written by the C library itself
+        taken = of.sent.take(buffer, size);
+    });
     return taken;
 }
 

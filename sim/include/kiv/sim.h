@@ -18,8 +18,8 @@
  * Descriptors: those of simulated devices are real ones, so poll, select and close work by themselves.
  * Copies made with dup, dup2, dup3 and fcntl are the same open device. After fork the child has a copy of
  * the board: its descriptors still reach the parent's queues, but line settings, faults and counts are its
- * own. A program started by exec does not inherit a simulated device. An operation on a simulated device is
- * not safe inside a signal handler; calls on other descriptors remain so.
+ * own; a vfork child must leave them alone. A program started by exec does not inherit a simulated device. In
+ * a signal handler only calls on other descriptors are safe, and those while no fault is armed.
  */
 #ifndef KIV_SIM_H
 #define KIV_SIM_H
@@ -156,7 +156,8 @@ KIV_SIM_API void kiv_sim_wait_calls(kiv_sim_call call, unsigned count);
  * output waits in a queue of a few kilobytes; when that is full, a write blocks (or gives EAGAIN).
  *
  * The discipline follows the settings for ISTRIP, IGNCR, ICRNL, INLCR, IXON, ICANON (a line is delivered
- * whole), ECHO, ONLCR, CREAD, and VMIN 0 with VTIME. Line editing and signal characters are not modelled.
+ * whole), ECHO, ONLCR, CREAD, and VMIN 0 with VTIME. Line editing, signal characters and the end-of-file
+ * character are not modelled.
  *
  * The requests of termios and termios2 are answered, drain, flush, the modem lines, FIONREAD and TIOCOUTQ;
  * any other gives ENOTTY. All near ends of a line share one queue, and O_NONBLOCK.
@@ -164,7 +165,7 @@ KIV_SIM_API void kiv_sim_wait_calls(kiv_sim_call call, unsigned count);
  * Without a test at the far end: with KIV_SIM_LINEn=/path in its environment a program that opens the line
  * is connected to the Unix stream socket of that name ('@' first for an abstract one), for example that of
  * `socat UNIX-LISTEN:/path -`. The opening fails with connect's errno when nobody listens there; a peer that
- * goes away is a hang-up. The byte functions below then see nothing.
+ * goes away is a hang-up. The bytes then pass as they are, unheld, and the byte functions below see nothing.
  *
  * Every function returns EINVAL for a line that does not exist.
  */
