@@ -10,6 +10,7 @@
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <thread>
@@ -431,13 +432,21 @@ TEST_F(SimLine, IsAStreamToo) {
     EXPECT_STREQ(::fgets(text, sizeof text, stream), "line\n");
     ::rewind(stream);
     EXPECT_EQ(::fputs("answer", stream), 1);
+    ::close(fd_);
     EXPECT_EQ(::fclose(stream), 0);
-    EXPECT_EQ(sent(), "answer");
-    EXPECT_EQ(state().near_ends, 1U);
-    // The number of the closed stream's descriptor is not the line's any more.
+    EXPECT_EQ(state().near_ends, 0U);
+    EXPECT_EQ(sent(), "answer") << "written as the last near end was closed";
+    fd_ = ::open("/dev/ttyKIV0", O_RDWR);
+}
+
+TEST_F(SimLine, ADescriptorClosedBehindTheBoardsBackIsNotTheLinesAnyMore) {
+    const int copy = ::dup(fd_);
+    ASSERT_EQ(::syscall(SYS_close, copy), 0);
     int ends[2];
     ASSERT_EQ(::pipe(ends), 0);
-    EXPECT_TRUE(::ioctl(ends[0], TCGETS, text) == -1 && errno == ENOTTY);
+    EXPECT_EQ(ends[0], copy);
+    termios settings;
+    EXPECT_TRUE(::ioctl(ends[0], TCGETS, &settings) == -1 && errno == ENOTTY);
     ::close(ends[0]);
     ::close(ends[1]);
 }

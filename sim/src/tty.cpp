@@ -316,7 +316,7 @@ ssize_t read_tty(int fd, void *state, const iovec *pieces, int count) {
         if (const int ready = wait_vtime(fd, settings); ready <= 0)
             return ready;
     const ssize_t done = real().readv(fd, pieces, count);
-    // The reset of a far end that went away is a tty's end of file.
+    // A far end that went away without reading all of the output resets the socket: a tty's end of file.
     return done == -1 && errno == ECONNRESET ? 0 : done;
 }
 
@@ -372,8 +372,8 @@ ssize_t write_tty(int fd, void *state, const iovec *pieces, int count) {
     return total;
 }
 
-// A socket whose peer has gone reports that it can be read, and an error only until the first read; a tty
-// that hung up keeps to its report.
+// A socket whose peer has gone reports POLLIN and POLLHUP; a tty that hung up reports an error too, and may
+// have nothing to read.
 short correct_revents(void *state, short, short revents) {
     auto &of = *static_cast<link *>(state);
     const guard hold(of.owner->lock);
@@ -561,8 +561,8 @@ const operations tty_operations = {
 
 // Back door --------------------------------------------------------------------------------------------
 
-// A far socket that closes with a byte unread leaves an error at the near one, so that poll there reports
-// POLLIN, POLLERR and POLLHUP together, as for a tty that has gone.
+// Closing the far socket wakes whoever waits at the near one; correct_revents and read_tty make a tty's
+// hang-up of what they find.
 void hang_up(line &of, bool readable) {
     link *cut = of.plugged;
     if (cut != nullptr) {
@@ -571,7 +571,6 @@ void hang_up(line &of, bool readable) {
         if (cut->external) {
             real().shutdown(cut->near, SHUT_RDWR);
         } else {
-            real().send(cut->near, "", 1, MSG_DONTWAIT | MSG_NOSIGNAL);
             real().close(cut->far);
             cut->far = -1;
         }
