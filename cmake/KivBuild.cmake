@@ -27,6 +27,8 @@ endmacro()
 # A shared library as the device gets it: nothing undefined, nothing writable after relocation, small.
 function(kiv_harden target)
   target_link_options(${target} PRIVATE
-    -Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed -Wl,--build-id=none
-    $<$<NOT:$<BOOL:${KIV_SANITIZE}>>:-Wl,-z,defs>)
+    -Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed -Wl,--build-id=none)
+  if(NOT KIV_SANITIZE)
+    target_link_options(${target} PRIVATE -Wl,-z,defs)
+  endif()
 endfunction()

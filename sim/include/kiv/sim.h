@@ -1,0 +1,245 @@
+/*
+ * The back door of the simulated board: wire it, inspect it, make its system calls fail.
+ *
+ * libkiv-sim.so stands between a program and the C library. Linked ahead of the C library or preloaded, it
+ * takes over the device names that it knows and passes every other call on untouched. The program under
+ * test uses the devices by ordinary system calls; this header is for whoever stands on the other side: a
+ * test, a benchmark, a demonstration.
+ *
+ *   Board                 start afresh
+ *   Faults                fail, answer or shorten the n-th call of a kind; count calls
+ *   Serial lines          the far end of /dev/ttyKIV0 to /dev/ttyKIV3
+ *
+ * Threads: every function may be called from any thread, at the same time as the simulated system calls.
+ *
+ * Results: unless a function says otherwise it returns 0, or an errno value (positive) and has then done
+ * nothing. None of them sets errno, and none of them is counted or made to fail itself.
+ *
+ * Descriptors: those of simulated devices are real ones, so poll, select and close work by themselves.
+ * Copies made with dup, dup2, dup3 and fcntl are the same open device. After fork the child has a copy of
+ * the board: its descriptors still reach the parent's queues, but line settings, faults and counts are its
+ * own; a vfork child must leave them alone. A program started by exec does not inherit a simulated device. In
+ * a signal handler only calls on other descriptors are safe, and those while no fault is armed.
+ */
+#ifndef KIV_SIM_H
+#define KIV_SIM_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#    define KIV_SIM_API __attribute__((visibility("default")))
+#else
+#    define KIV_SIM_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Board --------------------------------------------------------------------------------------------- */
+
+/* Disarms every fault, sets every count to zero, and puts every device back into its initial state. Device
+ * descriptors that are still open see their device hang up. */
+KIV_SIM_API void kiv_sim_reset(void);
+
+/* Faults -------------------------------------------------------------------------------------------- */
+
+/* Kinds of calls. All spellings of a call are one kind: open64 is an open, openat and the checked variants
+ * as well; accept4 is an accept, pipe2 a pipe, dup3 a dup2, clock_nanosleep a nanosleep, and so on. */
+typedef enum kiv_sim_call {
+    KIV_SIM_OPEN,
+    KIV_SIM_CLOSE,
+    KIV_SIM_READ,
+    KIV_SIM_WRITE, /* not on descriptors 0 to 2: they are neither counted nor made to fail */
+    KIV_SIM_READV,
+    KIV_SIM_WRITEV, /* as KIV_SIM_WRITE */
+    KIV_SIM_IOCTL,
+    KIV_SIM_POLL,
+    KIV_SIM_PPOLL,
+    KIV_SIM_SELECT,
+    KIV_SIM_PSELECT,
+    KIV_SIM_PIPE,
+    KIV_SIM_DUP,
+    KIV_SIM_DUP2,
+    KIV_SIM_FCNTL,
+    KIV_SIM_SOCKET,
+    KIV_SIM_BIND,
+    KIV_SIM_LISTEN,
+    KIV_SIM_ACCEPT,
+    KIV_SIM_CONNECT,
+    KIV_SIM_SETSOCKOPT,
+    KIV_SIM_GETSOCKOPT,
+    KIV_SIM_SEND,
+    KIV_SIM_RECV,
+    KIV_SIM_SHUTDOWN,
+    KIV_SIM_USLEEP,
+    KIV_SIM_NANOSLEEP,
+    KIV_SIM_FOPEN,
+    KIV_SIM_MALLOC,
+    KIV_SIM_CALLOC,
+    KIV_SIM_CALL_KINDS /* how many kinds there are */
+} kiv_sim_call;
+
+/* The name of a kind for messages, for example "setsockopt"; "?" for a number that is no kind. */
+KIV_SIM_API const char *kiv_sim_call_name(kiv_sim_call call);
+
+/* Whether calls of this kind can be counted and made to fail in this process: 1 or 0. Allocation is out of
+ * reach where a sanitizer has put its own allocator in front. */
+KIV_SIM_API int kiv_sim_reaches(kiv_sim_call call);
+
+enum {
+    KIV_SIM_ALWAYS = 0, /* for `times`: until disarmed */
+    KIV_SIM_MAX_FAULTS = 32,
+    KIV_SIM_MAX_REVENTS = 8
+};
+
+/* What happens instead of the call. */
+typedef enum kiv_sim_action {
+    KIV_SIM_FAIL,    /* -1 (a null pointer) with errno = `error`. close closes the descriptor all the same,
+                        as the kernel does; no other call is made. */
+    KIV_SIM_ANSWER,  /* `result`, errno untouched. close closes all the same; poll and select with result 0
+                        clear what they report, and with a positive one report everything asked for. Not
+                        for calls that return a pointer. */
+    KIV_SIM_SHORTEN, /* the call is made, for `length` bytes at most: read, write, send, recv only */
+    KIV_SIM_REVENTS  /* poll, ppoll: the first entries report `revents`, any others nothing; the result is
+                        the number of entries that report something */
+} kiv_sim_action;
+
+/* One fault. Counting starts when it is armed: with nth 2 and times 3 the first matching call goes through,
+ * the next three are changed, the ones after that go through again. Every armed fault counts every call
+ * that matches it, also one that another fault has answered; when two are due, the older one is applied. */
+typedef struct kiv_sim_fault {
+    kiv_sim_call call;
+    unsigned nth;   /* from 1, the next call */
+    unsigned times; /* how many calls, or KIV_SIM_ALWAYS */
+    kiv_sim_action action;
+    int error;
+    long result;
+    size_t length;
+    short revents[KIV_SIM_MAX_REVENTS];
+    unsigned long request; /* KIV_SIM_IOCTL: only this request number; 0 means any */
+    int this_thread;       /* nonzero: only calls of the thread that arms the fault */
+} kiv_sim_fault;
+
+/* Arms a fault. EINVAL for one that makes no sense (nth 0, an action that its call does not have, an errno
+ * below 1); ENOSPC when KIV_SIM_MAX_FAULTS are armed; ENOSYS where kiv_sim_reaches says 0. */
+KIV_SIM_API int kiv_sim_arm(const kiv_sim_fault *fault);
+
+/* The same in short, for calls of any thread. */
+KIV_SIM_API int kiv_sim_fail(kiv_sim_call call, unsigned nth, unsigned times, int error);
+KIV_SIM_API int kiv_sim_fail_ioctl(unsigned long request, unsigned nth, unsigned times, int error);
+KIV_SIM_API int kiv_sim_answer(kiv_sim_call call, unsigned nth, unsigned times, long result);
+KIV_SIM_API int kiv_sim_shorten(kiv_sim_call call, unsigned nth, unsigned times, size_t length);
+/* revents holds `count` entries, at most KIV_SIM_MAX_REVENTS. */
+KIV_SIM_API int kiv_sim_answer_poll(unsigned nth, unsigned times, const short *revents, unsigned count);
+
+/* Disarms every fault. Counts stay. */
+KIV_SIM_API void kiv_sim_clear_faults(void);
+
+/* How many calls faults have changed since the board was reset. */
+KIV_SIM_API unsigned kiv_sim_faults_fired(void);
+
+/* How many calls of a kind the process has begun since the board was reset, changed ones included. */
+KIV_SIM_API unsigned kiv_sim_calls(kiv_sim_call call);
+
+/* Waits until kiv_sim_calls(call) is at least `count`. The last call has then begun, and may not have
+ * reached the kernel yet. */
+KIV_SIM_API void kiv_sim_wait_calls(kiv_sim_call call, unsigned count);
+
+/* Serial lines -------------------------------------------------------------------------------------- */
+
+/*
+ * Line n is the tty /dev/ttyKIVn. It starts as a real one does: cooked, 9600 baud, echo on; its settings
+ * live on when it is closed, until the board is reset. Output leaves at once, however fast the line, unless
+ * flow control holds it: while CRTSCTS is on and CTS is low, or while IXON is on and XOFF was received. Held
+ * output waits in a queue of a few kilobytes; when that is full, a write blocks (or gives EAGAIN).
+ *
+ * The discipline follows the settings for ISTRIP, IGNCR, ICRNL, INLCR, IXON, ICANON (a line is delivered
+ * whole), ECHO, ONLCR, CREAD, and VMIN 0 with VTIME. Line editing, signal characters and the end-of-file
+ * character are not modelled.
+ *
+ * The requests of termios and termios2 are answered, drain, flush, the modem lines, FIONREAD and TIOCOUTQ;
+ * any other gives ENOTTY. All near ends of a line share one queue, and O_NONBLOCK.
+ *
+ * Without a test at the far end: with KIV_SIM_LINEn=/path in its environment a program that opens the line
+ * is connected to the Unix stream socket of that name ('@' first for an abstract one), for example that of
+ * `socat UNIX-LISTEN:/path -`. The opening fails with connect's errno when nobody listens there; a peer that
+ * goes away is a hang-up. The bytes then pass as they are, unheld, and the byte functions below see nothing.
+ *
+ * Every function returns EINVAL for a line that does not exist.
+ */
+enum { KIV_SIM_LINES = 4 };
+
+/* The bits of the modem lines, as TIOCMGET gives them. */
+enum {
+    KIV_SIM_DTR = 0x002, /* driven by the port */
+    KIV_SIM_RTS = 0x004,
+    KIV_SIM_CTS = 0x020, /* driven by the far end; all but RI are high at first */
+    KIV_SIM_DCD = 0x040,
+    KIV_SIM_RI = 0x080,
+    KIV_SIM_DSR = 0x100
+};
+
+typedef struct kiv_sim_line_state {
+    /* The settings: the words of struct termios2. */
+    uint32_t c_iflag, c_oflag, c_cflag, c_lflag;
+    uint8_t c_line;
+    uint8_t c_cc[19];
+    uint32_t c_ispeed, c_ospeed;
+
+    unsigned modem;       /* all modem lines that are high */
+    unsigned near_ends;   /* open files of the port */
+    size_t input_queued;  /* bytes delivered to the port and not read */
+    size_t output_queued; /* bytes written and held */
+    int hung_up;          /* by kiv_sim_line_hang_up, and not plugged in since */
+
+    /* Counts since the board was reset. */
+    size_t sent;           /* bytes that have left the port */
+    unsigned settings_set; /* TCSETS2 and its kin */
+    unsigned modem_set;    /* TIOCMSET, TIOCMBIS, TIOCMBIC */
+    unsigned drains;       /* begun */
+    unsigned input_flushes;
+    unsigned output_flushes;
+
+    unsigned drains_waiting; /* blocked at this moment */
+} kiv_sim_line_state;
+
+/* Takes a snapshot. */
+KIV_SIM_API int kiv_sim_line_inspect(unsigned line, kiv_sim_line_state *state);
+
+/* Waits until done(state, context) returns nonzero. It is called whenever the line's state has changed by a
+ * request, a write or the far end (a read of the port is not noticed), with the line locked: it must not
+ * call the board. */
+KIV_SIM_API int kiv_sim_line_wait(unsigned line, int (*done)(const kiv_sim_line_state *state, void *context),
+                                  void *context);
+
+/* The far end sends to the port. Returns how many bytes the port's input queue took, which is fewer than
+ * `length` when it is full, and 0 while the port is closed: such bytes are lost. */
+KIV_SIM_API size_t kiv_sim_line_send(unsigned line, const void *data, size_t length);
+
+/* Takes up to `size` bytes that the port has sent. Returns how many there were; does not wait. */
+KIV_SIM_API size_t kiv_sim_line_receive(unsigned line, void *buffer, size_t size);
+
+/* Sets the inputs among the modem lines (KIV_SIM_CTS and so on); the others go low. Output that was held
+ * leaves when CTS rises. */
+KIV_SIM_API int kiv_sim_line_set_inputs(unsigned line, unsigned inputs);
+
+/* The highest speed of the port's clock, in bits per second; 4000000 at first. A higher one that is asked
+ * for becomes this one, and reads back so. A speed given as a number that is a standard one reads back as
+ * its B code. */
+KIV_SIM_API int kiv_sim_line_set_max_speed(unsigned line, unsigned speed);
+
+/* The device goes away: poll on its near ends gives POLLERR | POLLHUP, and POLLIN with it when `readable` is
+ * nonzero; read gives 0, write and requests give EIO; data in its queues is lost; opening gives ENOENT. The
+ * near ends remain so. */
+KIV_SIM_API int kiv_sim_line_hang_up(unsigned line, int readable);
+
+/* The device comes back and can be opened again. */
+KIV_SIM_API int kiv_sim_line_plug_in(unsigned line);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,51 @@
+// The devices of the board.
+
+#include "device.h"
+
+#include "faults.h"
+#include "kiv/sim.h"
+#include "waiting.h"
+
+namespace kiv::sim {
+
+extern const device tty_device;
+
+namespace {
+
+constexpr const device *devices[] = {&tty_device};
+
+template <class Matches>
+const device *find(Matches matches) {
+    for (const device *each : devices)
+        if (matches(*each))
+            return each;
+    return nullptr;
+}
+
+} // namespace
+
+const device *device_of_path(const char *path) {
+    return find([path](const device &d) { return d.knows_path != nullptr && d.knows_path(path); });
+}
+
+const device *device_of_socket(int domain, int type, int protocol) {
+    return find(
+        [=](const device &d) { return d.knows_socket != nullptr && d.knows_socket(domain, type, protocol); });
+}
+
+const device *device_of_request(unsigned request) {
+    return find([request](const device &d) { return d.any_ioctl != nullptr && d.any_request == request; });
+}
+
+void reset_devices() {
+    for (const device *each : devices)
+        each->reset();
+}
+
+} // namespace kiv::sim
+
+void kiv_sim_reset() {
+    const kiv::sim::errno_keeper keeper;
+    kiv::sim::reset_faults();
+    kiv::sim::reset_devices();
+}

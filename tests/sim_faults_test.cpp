@@ -1,0 +1,351 @@
+// The board's frame, proven by the system calls themselves: which calls it takes, changes and passes on.
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <ostream>
+#include <poll.h>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <thread>
+#include <unistd.h>
+
+#include "fixtures/board.h"
+
+namespace kiv::test {
+namespace {
+
+// An errno that none of the calls here gives by itself.
+constexpr int unreal = EL2HLT;
+
+class SimFaults : public BoardTest {
+  protected:
+    int pipe_[2] = {-1, -1};
+    char buffer_[16] = {};
+
+    void SetUp() override {
+        BoardTest::SetUp();
+        ASSERT_EQ(::pipe(pipe_), 0);
+    }
+    void TearDown() override {
+        kiv_sim_clear_faults();
+        ::close(pipe_[0]);
+        ::close(pipe_[1]);
+        BoardTest::TearDown();
+    }
+    void fill_pipe(const std::string &text) {
+        ASSERT_EQ(::write(pipe_[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+};
+
+// Every kind: counted once, failed once, left alone after that --------------------------------------------
+
+struct KindOfCall {
+    kiv_sim_call kind;
+    bool (*fails)(); // makes the call; true when it fails
+};
+
+void PrintTo(const KindOfCall &call, std::ostream *to) {
+    *to << kiv_sim_call_name(call.kind);
+}
+
+sockaddr no_address = {};
+iovec no_piece = {.iov_base = nullptr, .iov_len = 0};
+int ends[2];
+char byte;
+timespec no_time = {.tv_sec = 0, .tv_nsec = 0};
+
+// On no descriptor, or of no effect: only whether and how the call fails matters.
+const KindOfCall kinds[] = {
+    {KIV_SIM_OPEN, [] { return ::open("/nowhere", O_RDONLY) == -1; }},
+    {KIV_SIM_CLOSE, [] { return ::close(-1) == -1; }},
+    {KIV_SIM_READ, [] { return ::read(-1, &byte, 1) == -1; }},
+    {KIV_SIM_WRITE, [] { return ::write(-1, &byte, 1) == -1; }},
+    {KIV_SIM_READV, [] { return ::readv(-1, &no_piece, 1) == -1; }},
+    {KIV_SIM_WRITEV, [] { return ::writev(-1, &no_piece, 1) == -1; }},
+    {KIV_SIM_IOCTL, [] { return ::ioctl(-1, FIONREAD, ends) == -1; }},
+    {KIV_SIM_POLL, [] { return ::poll(nullptr, 0, 0) == -1; }},
+    {KIV_SIM_PPOLL, [] { return ::ppoll(nullptr, 0, &no_time, nullptr) == -1; }},
+    {KIV_SIM_SELECT,
+     [] {
+         timeval at_once = {};
+         return ::select(0, nullptr, nullptr, nullptr, &at_once) == -1;
+     }},
+    {KIV_SIM_PSELECT, [] { return ::pselect(0, nullptr, nullptr, nullptr, &no_time, nullptr) == -1; }},
+    {KIV_SIM_PIPE, [] { return ::pipe2(ends, -1) == -1; }},
+    {KIV_SIM_DUP, [] { return ::dup(-1) == -1; }},
+    {KIV_SIM_DUP2, [] { return ::dup2(-1, 0) == -1; }},
+    {KIV_SIM_FCNTL, [] { return ::fcntl(-1, F_GETFL) == -1; }},
+    {KIV_SIM_SOCKET, [] { return ::socket(-1, SOCK_STREAM, 0) == -1; }},
+    {KIV_SIM_BIND, [] { return ::bind(-1, &no_address, sizeof no_address) == -1; }},
+    {KIV_SIM_LISTEN, [] { return ::listen(-1, 1) == -1; }},
+    {KIV_SIM_ACCEPT, [] { return ::accept(-1, nullptr, nullptr) == -1; }},
+    {KIV_SIM_CONNECT, [] { return ::connect(-1, &no_address, sizeof no_address) == -1; }},
+    {KIV_SIM_SETSOCKOPT, [] { return ::setsockopt(-1, 0, 0, &byte, 1) == -1; }},
+    {KIV_SIM_GETSOCKOPT,
+     [] {
+         socklen_t length = 1;
+         return ::getsockopt(-1, 0, 0, &byte, &length) == -1;
+     }},
+    {KIV_SIM_SEND, [] { return ::send(-1, &byte, 1, 0) == -1; }},
+    {KIV_SIM_RECV, [] { return ::recv(-1, &byte, 1, 0) == -1; }},
+    {KIV_SIM_SHUTDOWN, [] { return ::shutdown(-1, SHUT_RD) == -1; }},
+    {KIV_SIM_USLEEP, [] { return ::usleep(0) == -1; }},
+    {KIV_SIM_NANOSLEEP, [] { return ::nanosleep(&no_time, nullptr) == -1; }},
+    {KIV_SIM_FOPEN, [] { return ::fopen("/nowhere", "r") == nullptr; }},
+    {KIV_SIM_MALLOC,
+     [] {
+         void *volatile made = std::malloc(1);
+         std::free(made);
+         return made == nullptr;
+     }},
+    {KIV_SIM_CALLOC,
+     [] {
+         void *volatile made = std::calloc(1, 1);
+         std::free(made);
+         return made == nullptr;
+     }},
+};
+
+class SimFaultKinds : public BoardTest, public ::testing::WithParamInterface<KindOfCall> {};
+
+TEST_P(SimFaultKinds, FailOnceWithTheErrnoAskedFor) {
+    const auto &[kind, fails] = GetParam();
+    if (kiv_sim_reaches(kind) == 0)
+        GTEST_SKIP() << "a sanitizer's allocator stands before the board";
+    errno = 0;
+    fails();
+    const int own_errno = errno; // what the call gives where no fault is
+    const unsigned before = kiv_sim_calls(kind);
+    ASSERT_EQ(kiv_sim_fail(kind, 1, 1, unreal), 0);
+    errno = 0;
+    const bool failed = fails();
+    const int error = errno;
+    errno = 0;
+    fails();
+    const int error_after = errno;
+    EXPECT_EQ(kiv_sim_calls(kind), before + 2);
+    EXPECT_TRUE(failed);
+    EXPECT_EQ(error, unreal);
+    EXPECT_EQ(error_after, own_errno);
+    EXPECT_EQ(kiv_sim_faults_fired(), 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(, SimFaultKinds, ::testing::ValuesIn(kinds),
+                         [](const auto &each) { return std::string(kiv_sim_call_name(each.param.kind)); });
+
+TEST(SimFaultNames, CoverEveryKind) {
+    EXPECT_EQ(std::size(kinds), static_cast<std::size_t>(KIV_SIM_CALL_KINDS));
+    for (int kind = 0; kind < KIV_SIM_CALL_KINDS; ++kind)
+        EXPECT_EQ(kinds[kind].kind, kind) << kiv_sim_call_name(static_cast<kiv_sim_call>(kind));
+    EXPECT_STREQ(kiv_sim_call_name(KIV_SIM_CALL_KINDS), "?");
+}
+
+// Spellings -----------------------------------------------------------------------------------------------
+
+extern "C" {
+int __open_2(const char *path, int flags);
+int __open64_2(const char *path, int flags);
+ssize_t __read_chk(int fd, void *buffer, size_t count, size_t room);
+int __poll_chk(pollfd *entries, nfds_t count, int timeout, size_t room);
+}
+
+TEST_F(SimFaults, OtherSpellingsAreTheSameKind) {
+    const KindOfCall spellings[] = {
+        {KIV_SIM_OPEN, [] { return ::open64("/nowhere", O_RDONLY) == -1; }},
+        {KIV_SIM_OPEN, [] { return ::openat(AT_FDCWD, "/nowhere", O_RDONLY) == -1; }},
+        {KIV_SIM_OPEN, [] { return ::openat64(AT_FDCWD, "/nowhere", O_RDONLY) == -1; }},
+        {KIV_SIM_OPEN, [] { return __open_2("/nowhere", O_RDONLY) == -1; }},
+        {KIV_SIM_OPEN, [] { return __open64_2("/nowhere", O_RDONLY) == -1; }},
+        {KIV_SIM_FOPEN, [] { return ::fopen64("/nowhere", "r") == nullptr; }},
+        {KIV_SIM_READ, [] { return __read_chk(-1, &byte, 1, 1) == -1; }},
+        {KIV_SIM_POLL, [] { return __poll_chk(nullptr, 0, 0, 0) == -1; }},
+        {KIV_SIM_FCNTL, [] { return ::fcntl64(-1, F_GETFL) == -1; }},
+        {KIV_SIM_DUP2, [] { return ::dup3(-1, 0, 0) == -1; }},
+        {KIV_SIM_ACCEPT, [] { return ::accept4(-1, nullptr, nullptr, 0) == -1; }},
+        {KIV_SIM_NANOSLEEP, [] { return ::clock_nanosleep(CLOCK_MONOTONIC, 0, &no_time, nullptr) != 0; }},
+    };
+    for (const auto &[kind, fails] : spellings) {
+        const unsigned before = kiv_sim_calls(kind);
+        ASSERT_EQ(kiv_sim_fail(kind, 1, 1, unreal), 0);
+        EXPECT_TRUE(fails()) << kiv_sim_call_name(kind);
+        EXPECT_EQ(kiv_sim_calls(kind), before + 1) << kiv_sim_call_name(kind);
+    }
+    EXPECT_EQ(kiv_sim_faults_fired(), std::size(spellings));
+}
+
+// Which calls of a kind -----------------------------------------------------------------------------------
+
+TEST_F(SimFaults, ChangeTheNthCallSoManyTimes) {
+    const struct {
+        unsigned nth, times;
+        const char *pattern; // x: changed
+    } windows[] = {{1, 1, "x....."}, {3, 1, "..x..."}, {2, 3, ".xxx.."}, {4, KIV_SIM_ALWAYS, "...xxx"}};
+    for (const auto &[nth, times, pattern] : windows) {
+        ASSERT_EQ(kiv_sim_fail(KIV_SIM_LISTEN, nth, times, unreal), 0);
+        std::string seen;
+        for (int i = 0; i < 6; ++i)
+            seen += ::listen(-1, 1) == -1 && errno == unreal ? 'x' : '.';
+        EXPECT_EQ(seen, pattern);
+        kiv_sim_clear_faults();
+    }
+    EXPECT_EQ(kiv_sim_faults_fired(), 1U + 1U + 3U + 3U);
+}
+
+TEST_F(SimFaults, CanBeBoundToARequestOrAThread) {
+    ASSERT_EQ(kiv_sim_fail_ioctl(TIOCMGET, 1, KIV_SIM_ALWAYS, unreal), 0);
+    int value = 0;
+    EXPECT_EQ(::ioctl(pipe_[0], FIONREAD, &value), 0);
+    EXPECT_TRUE(::ioctl(pipe_[0], TIOCMGET, &value) == -1 && errno == unreal);
+
+    kiv_sim_fault mine = {};
+    mine.call = KIV_SIM_DUP;
+    mine.nth = 1;
+    mine.action = KIV_SIM_FAIL;
+    mine.error = unreal;
+    mine.this_thread = 1;
+    ASSERT_EQ(kiv_sim_arm(&mine), 0);
+    std::thread([&] { ::close(::dup(pipe_[0])); }).join();
+    EXPECT_EQ(kiv_sim_faults_fired(), 1U);
+    EXPECT_TRUE(::dup(pipe_[0]) == -1 && errno == unreal);
+}
+
+TEST_F(SimFaults, SeveralCountTheSameCallsAndTheOlderWins) {
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_LISTEN, 2, 1, unreal), 0);
+    ASSERT_EQ(kiv_sim_answer(KIV_SIM_LISTEN, 1, 3, 7), 0);
+    std::string seen;
+    for (int i = 0; i < 4; ++i)
+        seen += std::to_string(::listen(-1, 1)) + " ";
+    EXPECT_EQ(seen, "7 -1 7 -1 ");
+}
+
+TEST_F(SimFaults, ThatMakeNoSenseAreRefused) {
+    const short revents[KIV_SIM_MAX_REVENTS + 1] = {};
+    EXPECT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 0, 1, unreal), EINVAL);
+    EXPECT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, 0), EINVAL);
+    EXPECT_EQ(kiv_sim_fail(KIV_SIM_CALL_KINDS, 1, 1, unreal), EINVAL);
+    EXPECT_EQ(kiv_sim_answer(KIV_SIM_FOPEN, 1, 1, 1), EINVAL);
+    EXPECT_EQ(kiv_sim_shorten(KIV_SIM_IOCTL, 1, 1, 1), EINVAL);
+    EXPECT_EQ(kiv_sim_answer_poll(1, 1, revents, KIV_SIM_MAX_REVENTS + 1), EINVAL);
+    EXPECT_EQ(kiv_sim_arm(nullptr), EINVAL);
+    for (int i = 0; i < KIV_SIM_MAX_FAULTS; ++i)
+        ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, unreal), 0);
+    EXPECT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, unreal), ENOSPC);
+}
+
+// What happens instead ------------------------------------------------------------------------------------
+
+TEST_F(SimFaults, AnswersLeaveErrnoAlone) {
+    ASSERT_EQ(kiv_sim_answer(KIV_SIM_READ, 1, 1, 0), 0);
+    ASSERT_EQ(kiv_sim_answer(KIV_SIM_IOCTL, 1, 1, 5), 0);
+    ASSERT_EQ(kiv_sim_answer(KIV_SIM_USLEEP, 1, KIV_SIM_ALWAYS, 0), 0);
+    errno = unreal;
+    EXPECT_EQ(::read(-1, buffer_, 1), 0);
+    EXPECT_EQ(::ioctl(-1, FIONREAD, buffer_), 5);
+    EXPECT_EQ(::usleep(3600U * 1000 * 1000), 0);
+    EXPECT_EQ(errno, unreal);
+}
+
+TEST_F(SimFaults, ShortTransfersReallyTransfer) {
+    ASSERT_EQ(kiv_sim_shorten(KIV_SIM_WRITE, 1, 1, 3), 0);
+    ASSERT_EQ(kiv_sim_shorten(KIV_SIM_READ, 1, 1, 2), 0);
+    EXPECT_EQ(::write(pipe_[1], "abcdef", 6), 3);
+    EXPECT_EQ(::read(pipe_[0], buffer_, sizeof buffer_), 2);
+    EXPECT_EQ(::read(pipe_[0], buffer_ + 2, sizeof buffer_ - 2), 1);
+    EXPECT_STREQ(buffer_, "abc");
+}
+
+TEST_F(SimFaults, AClosedDescriptorIsClosedWhateverCloseReports) {
+    const int failing = ::dup(pipe_[0]);
+    const int answered = ::dup(pipe_[0]);
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EINTR), 0);
+    ASSERT_EQ(kiv_sim_answer(KIV_SIM_CLOSE, 2, 1, 3), 0);
+    EXPECT_TRUE(::close(failing) == -1 && errno == EINTR);
+    EXPECT_EQ(::close(answered), 3);
+    EXPECT_TRUE(::fcntl(failing, F_GETFD) == -1 && ::fcntl(answered, F_GETFD) == -1);
+}
+
+TEST_F(SimFaults, PollReportsWhatItIsTold) {
+    pollfd entries[2] = {{pipe_[0], POLLIN, 0}, {pipe_[1], POLLOUT, 0}};
+    const short hung[] = {POLLERR | POLLHUP};
+    ASSERT_EQ(kiv_sim_answer_poll(1, 1, hung, 1), 0);
+    EXPECT_EQ(::poll(entries, 2, -1), 1);
+    EXPECT_EQ(entries[0].revents, POLLERR | POLLHUP);
+    EXPECT_EQ(entries[1].revents, 0);
+
+    ASSERT_EQ(kiv_sim_answer(KIV_SIM_POLL, 1, 1, 2), 0);
+    EXPECT_EQ(::poll(entries, 2, -1), 2);
+    EXPECT_TRUE(entries[0].revents == POLLIN && entries[1].revents == POLLOUT);
+
+    ASSERT_EQ(kiv_sim_answer(KIV_SIM_POLL, 1, 1, 0), 0);
+    EXPECT_EQ(::poll(entries, 2, -1), 0);
+    EXPECT_TRUE(entries[0].revents == 0 && entries[1].revents == 0);
+}
+
+TEST_F(SimFaults, SelectTimesOutWhenToldTo) {
+    fill_pipe("x");
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(pipe_[0], &readable);
+    ASSERT_EQ(kiv_sim_answer(KIV_SIM_SELECT, 1, 1, 0), 0);
+    EXPECT_EQ(::select(pipe_[0] + 1, &readable, nullptr, nullptr, nullptr), 0);
+    EXPECT_FALSE(FD_ISSET(pipe_[0], &readable));
+}
+
+TEST_F(SimFaults, LeaveTheStandardStreamsAlone) {
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_WRITE, 1, KIV_SIM_ALWAYS, unreal), 0);
+    const unsigned before = kiv_sim_calls(KIV_SIM_WRITE);
+    EXPECT_EQ(::write(STDERR_FILENO, "", 0), 0);
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_WRITE), before);
+}
+
+// Passing on ----------------------------------------------------------------------------------------------
+
+TEST_F(SimFaults, WhatTheBoardDoesNotKnowGoesThroughUntouched) {
+    errno = unreal;
+    const int fd = ::open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(::read(fd, buffer_, 4), 4);
+    EXPECT_EQ(::close(fd), 0);
+    FILE *stream = ::fopen("/proc/self/exe", "r");
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(::fclose(stream), 0);
+    EXPECT_EQ(std::string(buffer_ + 1, 3), "ELF");
+    EXPECT_EQ(errno, unreal);
+    EXPECT_TRUE(::open("/dev/ttyKIV", O_RDWR) == -1 && errno == ENOENT);
+    EXPECT_TRUE(::open("/dev/ttyKIV00", O_RDWR) == -1 && errno == ENOENT);
+    // Through a pointer, which has no promise to the compiler that the path is not null.
+    const auto any_open = reinterpret_cast<int (*)(const char *, int, ...)>(::dlsym(RTLD_DEFAULT, "open"));
+    EXPECT_TRUE(any_open(nullptr, O_RDWR) == -1 && errno == EFAULT);
+}
+
+TEST_F(SimFaults, AModeReachesTheFileThatOpenCreates) {
+    std::string path = ::testing::TempDir() + "kiv-sim-mode";
+    ::unlink(path.c_str());
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(::faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK, 0), 0);
+    ::close(fd);
+    ::unlink(path.c_str());
+}
+
+TEST_F(SimFaults, CallsCanBeWaitedFor) {
+    const unsigned before = kiv_sim_calls(KIV_SIM_POLL);
+    std::thread reader([&] {
+        pollfd entry = {pipe_[0], POLLIN, 0};
+        EXPECT_EQ(::poll(&entry, 1, -1), 1);
+    });
+    kiv_sim_wait_calls(KIV_SIM_POLL, before + 1);
+    fill_pipe("x");
+    reader.join();
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_POLL), before + 1);
+}
+
+} // namespace
+} // namespace kiv::test

@@ -1,0 +1,494 @@
+// The serial lines of the board, used as a program uses a tty and looked at from their far end.
+
+#include <asm/ioctls.h>
+#include <asm/termbits.h>
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <functional>
+#include <poll.h>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+
+#include "fixtures/board.h"
+#include "fixtures/signal.h"
+
+namespace kiv::test {
+namespace {
+
+constexpr unsigned all_inputs = KIV_SIM_CTS | KIV_SIM_DSR | KIV_SIM_DCD;
+constexpr unsigned inputs_without_cts = KIV_SIM_DSR | KIV_SIM_DCD;
+
+class SimLine : public BoardTest {
+  protected:
+    int fd_ = -1;
+
+    void SetUp() override {
+        BoardTest::SetUp();
+        fd_ = ::open("/dev/ttyKIV0", O_RDWR | O_NOCTTY);
+        ASSERT_GE(fd_, 0);
+    }
+    void TearDown() override {
+        ::close(fd_);
+        BoardTest::TearDown();
+    }
+
+    static kiv_sim_line_state state() {
+        kiv_sim_line_state seen;
+        EXPECT_EQ(kiv_sim_line_inspect(0, &seen), 0);
+        return seen;
+    }
+    termios2 settings() const {
+        termios2 read = {};
+        EXPECT_EQ(::ioctl(fd_, TCGETS2, &read), 0);
+        return read;
+    }
+    void set(const termios2 &wanted) const { EXPECT_EQ(::ioctl(fd_, TCSETS2, &wanted), 0); }
+    void make_raw(tcflag_t more_cflag = 0) const {
+        termios2 raw = settings();
+        raw.c_iflag = raw.c_oflag = raw.c_lflag = 0;
+        raw.c_cflag |= more_cflag;
+        set(raw);
+    }
+    // Raw, with hardware flow control, and the far end not ready.
+    void hold() const {
+        make_raw(CRTSCTS);
+        ASSERT_EQ(kiv_sim_line_set_inputs(0, inputs_without_cts), 0);
+    }
+    void feed(const std::string &bytes) const {
+        ASSERT_EQ(kiv_sim_line_send(0, bytes.data(), bytes.size()), bytes.size());
+    }
+    static std::string sent() {
+        char buffer[65536];
+        return std::string(buffer, kiv_sim_line_receive(0, buffer, sizeof buffer));
+    }
+    // Without waiting.
+    std::string readable() const {
+        std::string bytes(state().input_queued, '\0');
+        EXPECT_EQ(::read(fd_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        return bytes;
+    }
+    short polled(short events) const {
+        pollfd entry = {fd_, events, 0};
+        return ::poll(&entry, 1, 0) == 1 ? entry.revents : short{0};
+    }
+    // Until a thread of the test is blocked in a drain.
+    static void wait_for_drain() {
+        kiv_sim_line_wait(
+            0, [](const kiv_sim_line_state *now, void *) { return now->drains_waiting > 0 ? 1 : 0; },
+            nullptr);
+    }
+};
+
+// Settings ------------------------------------------------------------------------------------------------
+
+TEST_F(SimLine, StartsCookedAndKeepsWhatIsSet) {
+    EXPECT_EQ(settings().c_lflag & (ICANON | ECHO | ISIG), static_cast<tcflag_t>(ICANON | ECHO | ISIG));
+    EXPECT_EQ(settings().c_cflag, static_cast<tcflag_t>(B9600 | CS8 | CREAD | HUPCL));
+    EXPECT_EQ(settings().c_cc[VMIN], 1);
+    termios2 wanted = settings();
+    wanted.c_iflag = IGNPAR;
+    wanted.c_cflag |= CSTOPB | PARENB | PARODD;
+    wanted.c_cc[VTIME] = 7;
+    set(wanted);
+    EXPECT_EQ(state().c_iflag, static_cast<tcflag_t>(IGNPAR));
+    EXPECT_EQ(state().c_cflag, wanted.c_cflag);
+    EXPECT_EQ(state().c_cc[VTIME], 7);
+    EXPECT_EQ(state().settings_set, 1U);
+    // The older requests see the same settings; a second opening does not change them.
+    termios older = {};
+    const int other = ::open64("/dev/ttyKIV0", O_RDWR);
+    EXPECT_EQ(::ioctl(other, TCGETS, &older), 0);
+    EXPECT_EQ(older.c_cflag, wanted.c_cflag);
+    ::close(other);
+}
+
+TEST_F(SimLine, ReadsBackTheSpeedThatItsClockGives) {
+    const struct {
+        unsigned most;
+        tcflag_t code;
+        unsigned number;
+        tcflag_t code_after;
+        unsigned rate_after;
+    } speeds[] = {
+        {4000000, B115200, 9, B115200, 115200},
+        {4000000, BOTHER, 250000, BOTHER, 250000},
+        {4000000, BOTHER, 3000000, B3000000, 3000000},
+        {1500000, BOTHER, 3000000, B1500000, 1500000},
+        {1500000, B3000000, 9, B1500000, 1500000},
+        {1000001, BOTHER, 2000000, BOTHER, 1000001},
+        {4000000, B0, 9, B0, 0},
+    };
+    for (const auto &each : speeds) {
+        ASSERT_EQ(kiv_sim_line_set_max_speed(0, each.most), 0);
+        termios2 wanted = settings();
+        wanted.c_cflag = (wanted.c_cflag & ~static_cast<tcflag_t>(CBAUD)) | each.code;
+        wanted.c_ispeed = wanted.c_ospeed = each.number;
+        set(wanted);
+        EXPECT_EQ(settings().c_cflag & CBAUD, each.code_after) << each.number;
+        EXPECT_EQ(settings().c_ospeed, each.rate_after);
+        EXPECT_EQ(settings().c_ispeed, each.rate_after);
+    }
+}
+
+TEST_F(SimLine, MovesItsModemLines) {
+    const auto lines = [&] {
+        unsigned high = 0;
+        EXPECT_EQ(::ioctl(fd_, TIOCMGET, &high), 0);
+        EXPECT_EQ(high, state().modem);
+        return high;
+    };
+    constexpr unsigned outputs = KIV_SIM_DTR | KIV_SIM_RTS;
+    EXPECT_EQ(lines(), outputs | all_inputs);
+    unsigned wanted = KIV_SIM_DTR; // the inputs in it are not the port's to set
+    EXPECT_EQ(::ioctl(fd_, TIOCMSET, &wanted), 0);
+    EXPECT_EQ(lines(), KIV_SIM_DTR | all_inputs);
+    wanted = KIV_SIM_RTS;
+    EXPECT_EQ(::ioctl(fd_, TIOCMBIS, &wanted), 0);
+    EXPECT_EQ(::ioctl(fd_, TIOCMBIC, &wanted), 0);
+    EXPECT_EQ(state().modem_set, 3U);
+    kiv_sim_line_set_inputs(0, KIV_SIM_RI);
+    EXPECT_EQ(lines(), unsigned{KIV_SIM_DTR} | KIV_SIM_RI);
+
+    // Speed 0 drops the outputs, any other raises them again.
+    termios2 speed = settings();
+    speed.c_cflag &= ~static_cast<tcflag_t>(CBAUD);
+    set(speed);
+    EXPECT_EQ(lines(), unsigned{KIV_SIM_RI});
+    speed.c_cflag |= B9600;
+    set(speed);
+    EXPECT_EQ(lines(), outputs | KIV_SIM_RI);
+    ::close(fd_);
+    EXPECT_EQ(state().modem, unsigned{KIV_SIM_RI});
+    fd_ = ::open("/dev/ttyKIV0", O_RDWR);
+    EXPECT_EQ(lines(), outputs | KIV_SIM_RI);
+}
+
+// Data ----------------------------------------------------------------------------------------------------
+
+TEST_F(SimLine, TreatsInputAsItsSettingsSay) {
+    const struct {
+        tcflag_t iflag, lflag;
+        std::string received, read, echoed;
+    } disciplines[] = {
+        {0, 0, "a\r\n\x11\x93", "a\r\n\x11\x93", ""},
+        {ICRNL, 0, "a\r", "a\n", ""},
+        {IGNCR, 0, "a\r\n", "a\n", ""},
+        {INLCR, 0, "a\n", "a\r", ""},
+        {ISTRIP, 0, "\xe1", "a", ""},
+        {IXON, 0,
+         "a\x13\x11"
+         "b",
+         "ab", ""},
+        {0, ECHO, "ab", "ab", "ab"},
+        {0, ICANON, "half", "", ""},
+        {ICRNL, ICANON | ECHO, "whole\rhalf", "whole\n", "whole\nhalf"},
+    };
+    for (const auto &each : disciplines) {
+        termios2 wanted = settings();
+        wanted.c_iflag = each.iflag;
+        wanted.c_lflag = each.lflag;
+        wanted.c_oflag = 0;
+        set(wanted);
+        EXPECT_EQ(::ioctl(fd_, TCFLSH, TCIFLUSH), 0);
+        feed(each.received);
+        EXPECT_EQ(readable(), each.read);
+        EXPECT_EQ(sent(), each.echoed);
+    }
+    make_raw();
+    EXPECT_EQ(readable(), "half") << "an unfinished line is readable once the line is raw";
+    termios2 deaf = settings();
+    deaf.c_cflag &= ~static_cast<tcflag_t>(CREAD);
+    set(deaf);
+    feed("lost");
+    EXPECT_EQ(polled(POLLIN), 0);
+}
+
+TEST_F(SimLine, CarriesBytesBothWays) {
+    EXPECT_EQ(::write(fd_, "a\n", 2), 2);
+    EXPECT_EQ(sent(), "a\r\n") << "a cooked line";
+    make_raw();
+    const std::string large(20000, 'x');
+    const int before = errno = EL2HLT;
+    EXPECT_EQ(::write(fd_, large.data(), large.size()), static_cast<ssize_t>(large.size()));
+    EXPECT_EQ(sent(), large);
+    iovec pieces[] = {{const_cast<char *>("ab"), 2}, {const_cast<char *>("cd"), 2}};
+    EXPECT_EQ(::writev(fd_, pieces, 2), 4);
+    EXPECT_EQ(sent(), "abcd");
+    EXPECT_EQ(polled(POLLIN | POLLOUT), POLLOUT);
+    feed("hello");
+    int waiting = 0;
+    EXPECT_EQ(::ioctl(fd_, FIONREAD, &waiting), 0);
+    EXPECT_EQ(waiting, 5);
+    EXPECT_EQ(polled(POLLIN), POLLIN);
+    char buffer[8];
+    EXPECT_EQ(::read(fd_, buffer, 3), 3);
+    EXPECT_EQ(state().input_queued, 2U);
+    feed(large);
+    EXPECT_EQ(state().input_queued, 2U + large.size());
+    while (kiv_sim_line_send(0, large.data(), large.size()) == large.size()) {
+        // Until the input queue is full: it has an end, and sending never waits for it.
+    }
+    EXPECT_EQ(errno, before);
+}
+
+TEST_F(SimLine, WakesABlockedReader) {
+    make_raw();
+    const unsigned polls = kiv_sim_calls(KIV_SIM_POLL);
+    std::thread reader([&] {
+        pollfd entry = {fd_, POLLIN, 0};
+        char byte = 0;
+        EXPECT_EQ(::poll(&entry, 1, -1), 1);
+        EXPECT_EQ(::read(fd_, &byte, 1), 1);
+        EXPECT_EQ(byte, 'x');
+    });
+    kiv_sim_wait_calls(KIV_SIM_POLL, polls + 1);
+    feed("x");
+    reader.join();
+}
+
+TEST_F(SimLine, ReturnsAtOnceFromAReadWithVminZero) {
+    termios2 wanted = settings();
+    wanted.c_lflag = 0;
+    wanted.c_cc[VMIN] = wanted.c_cc[VTIME] = 0;
+    set(wanted);
+    char byte = 0;
+    EXPECT_EQ(::read(fd_, &byte, 1), 0);
+    feed("x");
+    EXPECT_EQ(::read(fd_, &byte, 1), 1);
+}
+
+// Flow control --------------------------------------------------------------------------------------------
+
+TEST_F(SimLine, HoldsOutputUntilTheFarEndIsReady) {
+    hold();
+    EXPECT_EQ(::write(fd_, "held", 4), 4);
+    EXPECT_EQ(sent(), "");
+    EXPECT_EQ(state().output_queued, 4U);
+    std::thread drainer([&] { EXPECT_EQ(::ioctl(fd_, TCSBRK, 1), 0); });
+    wait_for_drain();
+    EXPECT_EQ(sent(), "");
+    kiv_sim_line_set_inputs(0, all_inputs);
+    drainer.join();
+    EXPECT_EQ(sent(), "held");
+    EXPECT_EQ(state().drains, 1U);
+    EXPECT_EQ(::ioctl(fd_, TCSBRK, 1), 0) << "with nothing queued it does not wait";
+}
+
+TEST_F(SimLine, ADrainEndsWithASignal) {
+    hold();
+    EXPECT_EQ(::write(fd_, "held", 4), 4);
+    Interrupter signals(::pthread_self());
+    const int result = ::ioctl(fd_, TCSBRK, 1);
+    const int error = errno;
+    signals.stop();
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, EINTR);
+    EXPECT_EQ(state().output_queued, 4U);
+}
+
+TEST_F(SimLine, ADrainEndsWhenThereIsNothingLeftToSend) {
+    struct {
+        const char *what;
+        std::function<void(int fd)> act;
+        int result;
+    } const ends[] = {
+        {"flush", [](int fd) { ::ioctl(fd, TCFLSH, TCOFLUSH); }, 0},
+        {"flow control off",
+         [](int fd) {
+             termios2 wanted = {};
+             ::ioctl(fd, TCGETS2, &wanted);
+             wanted.c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
+             ::ioctl(fd, TCSETS2, &wanted);
+         },
+         0},
+        {"hang-up", [](int) { kiv_sim_line_hang_up(0, 1); }, -1},
+    };
+    for (const auto &[what, act, result] : ends) {
+        hold();
+        EXPECT_EQ(::write(fd_, "held", 4), 4);
+        int drained = 1;
+        std::thread drainer([&] { drained = ::ioctl(fd_, TCSBRK, 1); });
+        wait_for_drain();
+        act(fd_);
+        drainer.join();
+        EXPECT_EQ(drained, result) << what;
+    }
+}
+
+TEST_F(SimLine, AFullQueueBlocksTheWriter) {
+    hold();
+    ASSERT_EQ(::fcntl(fd_, F_SETFL, O_NONBLOCK), 0);
+    const std::string block(1024, 'x');
+    std::size_t queued = 0;
+    for (ssize_t taken = 0; (taken = ::write(fd_, block.data(), block.size())) != -1;)
+        queued += static_cast<std::size_t>(taken);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(polled(POLLOUT), 0);
+    EXPECT_EQ(state().output_queued, queued);
+
+    ASSERT_EQ(::fcntl(fd_, F_SETFL, 0), 0);
+    const std::string rest(50000, 'y');
+    const unsigned writes = kiv_sim_calls(KIV_SIM_WRITE);
+    std::thread writer(
+        [&] { EXPECT_EQ(::write(fd_, rest.data(), rest.size()), static_cast<ssize_t>(rest.size())); });
+    kiv_sim_wait_calls(KIV_SIM_WRITE, writes + 1);
+    kiv_sim_line_set_inputs(0, all_inputs);
+    writer.join();
+    EXPECT_EQ(sent(), std::string(queued, 'x') + rest);
+}
+
+TEST_F(SimLine, FlushesTheQueueThatIsNamed) {
+    const struct {
+        int selector;
+        std::size_t input_left, output_left;
+        unsigned input_flushes, output_flushes;
+    } flushes[] = {{TCIFLUSH, 0, 3, 1, 0}, {TCOFLUSH, 2, 0, 1, 1}, {TCIOFLUSH, 0, 0, 2, 2}};
+    hold();
+    for (const auto &each : flushes) {
+        feed("in");
+        EXPECT_EQ(::write(fd_, "out", 3), 3);
+        EXPECT_EQ(::ioctl(fd_, TCFLSH, each.selector), 0);
+        EXPECT_EQ(state().input_queued, each.input_left);
+        EXPECT_EQ(state().output_queued, each.output_left);
+        EXPECT_EQ(state().input_flushes, each.input_flushes);
+        EXPECT_EQ(state().output_flushes, each.output_flushes);
+    }
+    EXPECT_TRUE(::ioctl(fd_, TCFLSH, 3) == -1 && errno == EINVAL);
+}
+
+// Hang-up -------------------------------------------------------------------------------------------------
+
+TEST_F(SimLine, HangsUpAsAnUnpluggedDeviceDoes) {
+    for (const bool with_data : {true, false}) {
+        make_raw();
+        feed("unread");
+        kiv_sim_line_hang_up(0, with_data ? 1 : 0);
+        const int gone = with_data ? POLLIN | POLLERR | POLLHUP : POLLERR | POLLHUP;
+        char byte = 0;
+        EXPECT_EQ(polled(POLLIN), gone);
+        EXPECT_EQ(::read(fd_, &byte, 1), 0);
+        EXPECT_EQ(polled(POLLIN), gone) << "and goes on doing so";
+        EXPECT_TRUE(::write(fd_, "x", 1) == -1 && errno == EIO);
+        EXPECT_TRUE(::ioctl(fd_, TCSBRK, 1) == -1 && errno == EIO);
+        EXPECT_TRUE(::open("/dev/ttyKIV0", O_RDWR) == -1 && errno == ENOENT);
+        kiv_sim_line_plug_in(0);
+        EXPECT_EQ(polled(POLLIN), gone) << "an old descriptor stays as it is";
+        ::close(fd_);
+        fd_ = ::open("/dev/ttyKIV0", O_RDWR | O_NOCTTY);
+        ASSERT_GE(fd_, 0);
+        EXPECT_EQ(polled(POLLIN), 0);
+    }
+}
+
+TEST_F(SimLine, AHangUpReleasesABlockedReader) {
+    make_raw();
+    const unsigned reads = kiv_sim_calls(KIV_SIM_READ);
+    std::thread reader([&] {
+        char byte = 0;
+        EXPECT_EQ(::read(fd_, &byte, 1), 0);
+    });
+    kiv_sim_wait_calls(KIV_SIM_READ, reads + 1);
+    kiv_sim_line_hang_up(0, 1);
+    reader.join();
+}
+
+// Descriptors ---------------------------------------------------------------------------------------------
+
+TEST_F(SimLine, NearEndsShareOneLine) {
+    make_raw();
+    const int second = ::open("/dev/ttyKIV0", O_RDWR | O_CLOEXEC);
+    const int copy = ::dup(second);
+    const int high = ::fcntl(second, F_DUPFD_CLOEXEC, 100);
+    EXPECT_GE(high, 100);
+    EXPECT_EQ(state().near_ends, 2U);
+    ::close(second);
+    EXPECT_EQ(state().near_ends, 2U) << "its copies keep it open";
+    EXPECT_EQ(::write(copy, "x", 1), 1);
+    EXPECT_EQ(::write(high, "y", 1), 1);
+    EXPECT_EQ(sent(), "xy");
+    feed("z");
+    char byte = 0;
+    EXPECT_EQ(::read(copy, &byte, 1), 1);
+    EXPECT_EQ(polled(POLLIN), 0);
+    ::close(copy);
+    EXPECT_EQ(::dup2(STDERR_FILENO, high), high) << "takes the place of the last copy";
+    EXPECT_EQ(state().near_ends, 1U);
+    ::close(high);
+}
+
+TEST_F(SimLine, IsAStreamToo) {
+    make_raw();
+    FILE *stream = ::fopen("/dev/ttyKIV0", "r+");
+    ASSERT_NE(stream, nullptr);
+    feed("line\n");
+    char text[16];
+    EXPECT_STREQ(::fgets(text, sizeof text, stream), "line\n");
+    ::rewind(stream);
+    EXPECT_EQ(::fputs("answer", stream), 1);
+    ::close(fd_);
+    EXPECT_EQ(::fclose(stream), 0);
+    EXPECT_EQ(state().near_ends, 0U);
+    EXPECT_EQ(sent(), "answer") << "written as the last near end was closed";
+    fd_ = ::open("/dev/ttyKIV0", O_RDWR);
+}
+
+TEST_F(SimLine, ADescriptorClosedBehindTheBoardsBackIsNotTheLinesAnyMore) {
+    const int copy = ::dup(fd_);
+    ASSERT_EQ(::syscall(SYS_close, copy), 0);
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    EXPECT_EQ(ends[0], copy);
+    termios settings;
+    EXPECT_TRUE(::ioctl(ends[0], TCGETS, &settings) == -1 && errno == ENOTTY);
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+TEST_F(SimLine, AnotherProcessCanBeTheFarEnd) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    const std::string name = "@kiv-sim-line-" + std::to_string(::getpid());
+    name.copy(address.sun_path, name.size());
+    address.sun_path[0] = '\0';
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<const sockaddr *>(&address), length), 0);
+    ::setenv("KIV_SIM_LINE1", name.c_str(), 1);
+    EXPECT_TRUE(::open("/dev/ttyKIV1", O_RDWR) == -1 && errno == ECONNREFUSED);
+    ASSERT_EQ(::listen(listener, 1), 0);
+    const int near_end = ::open("/dev/ttyKIV1", O_RDWR);
+    ASSERT_GE(near_end, 0);
+    const int peer = ::accept(listener, nullptr, nullptr);
+    char buffer[8] = {};
+    EXPECT_EQ(::write(near_end, "out", 3), 3);
+    EXPECT_EQ(::read(peer, buffer, sizeof buffer), 3);
+    EXPECT_EQ(::write(peer, "in", 2), 2);
+    EXPECT_EQ(::read(near_end, buffer, sizeof buffer), 2);
+    ::close(peer);
+    pollfd entry = {near_end, POLLIN, 0};
+    EXPECT_EQ(::poll(&entry, 1, -1), 1);
+    EXPECT_EQ(entry.revents, POLLIN | POLLERR | POLLHUP);
+    EXPECT_EQ(::read(near_end, buffer, sizeof buffer), 0);
+    EXPECT_TRUE(::write(near_end, "x", 1) == -1 && errno == EIO);
+    ::unsetenv("KIV_SIM_LINE1");
+    ::close(near_end);
+    ::close(listener);
+}
+
+TEST_F(SimLine, LinesThatDoNotExistAreRefused) {
+    kiv_sim_line_state unused;
+    EXPECT_EQ(kiv_sim_line_inspect(KIV_SIM_LINES, &unused), EINVAL);
+    EXPECT_EQ(kiv_sim_line_hang_up(KIV_SIM_LINES, 0), EINVAL);
+    EXPECT_EQ(kiv_sim_line_send(KIV_SIM_LINES, "x", 1), 0U);
+    EXPECT_TRUE(::ioctl(fd_, TIOCGWINSZ, &unused) == -1 && errno == ENOTTY);
+}
+
+} // namespace
+} // namespace kiv::test
