@@ -20,6 +20,7 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 
+#include "common/prefix.h"
 #include "common/report.h"
 #include "common/slots.h"
 #include "common/wait.h"
@@ -29,6 +30,7 @@
 
 using kiv::check;
 using kiv::current_fd;
+using kiv::has_prefix;
 using kiv::site;
 using kiv::trace_and_warn;
 using kiv::trace_errno;
@@ -116,11 +118,6 @@ int uart_set_speed(termios2 *settings, unsigned int speed) {
 
 // 3. Opening --------------------------------------------------------------------------------------------
 
-template <size_t Size>
-bool has_prefix(const char *name, const char (&prefix)[Size]) {
-    return ::strncmp(name, prefix, Size - 1) == 0;
-}
-
 // Eight data bits, every byte as it is; a read waits for one byte and no longer. The stop bits, the receiver
 // and hang-up on close stay as they were.
 void make_raw(termios2 *settings) {
@@ -168,6 +165,10 @@ int sup_uart_Init2(UART_infos *port, const char *device_name, unsigned int speed
     const UART_status_cb callbacks = status_cb != nullptr ? *status_cb : UART_status_cb{};
     sup_uart_Prepare(port, &callbacks);
 
+    if (has_prefix(device_name, "hci"))
+        return sup_uart_Opened(port, pos_open_bt(port, device_name, options));
+    if (has_prefix(device_name, "btsyspath:"))
+        return sup_uart_Opened(port, pos_open_bt_syspath(port, device_name, options));
     if (has_prefix(device_name, "tcp:"))
         return sup_uart_Opened(port, pos_open_tcp(port, device_name, options));
     if (has_prefix(device_name, "tcpout:")) {

@@ -25,6 +25,7 @@
 #include "common/fd.h"
 #include "common/lock.h"
 #include "common/memory.h"
+#include "common/prefix.h"
 #include "common/report.h"
 #include "common/slots.h"
 #include "common/wait.h"
@@ -203,12 +204,6 @@ sockaddr_in address_of(in_addr host, long port_number) {
 constexpr char server_prefix[] = "tcp:";
 constexpr char client_prefix[] = "tcpout:";
 
-// The text after the prefix, or null for another name.
-template <size_t Size>
-const char *after(const char (&prefix)[Size], const char *name) {
-    return ::strncmp(name, prefix, Size - 1) == 0 ? name + Size - 1 : nullptr;
-}
-
 } // namespace
 
 // 4. Server opening -------------------------------------------------------------------------------------
@@ -218,7 +213,7 @@ int pos_open_tcp(UART_infos *port, const char *device_name, unsigned int options
         return kiv::refuse_null(KIV_SITE("(UART_infos) != ((void *)0)"));
     if (device_name == nullptr)
         return kiv::refuse_null(KIV_SITE("(device_name) != ((void *)0)"));
-    const char *number = after(server_prefix, device_name);
+    const char *number = kiv::after(server_prefix, device_name);
     if (number == nullptr)
         return EINVAL;
     const long port_number = ::strtol(number, nullptr, 10);
@@ -261,7 +256,7 @@ struct peer_name {
 
 // "tcpout:", a dotted IPv4 address, ":" and a number.
 bool parse(const char *device_name, peer_name &peer) {
-    const char *host = after(client_prefix, device_name);
+    const char *host = kiv::after(client_prefix, device_name);
     const char *colon = host != nullptr ? ::strchr(host, ':') : nullptr;
     if (colon == nullptr || static_cast<size_t>(colon - host) >= sizeof peer.host)
         return false;
