@@ -81,24 +81,32 @@ constinit packet_cache bt_cache{};
     return ret;
 }
 
-int pos_read_bt(UART_infos *port, void *buffer, unsigned int length) {
-    packet_cache &cache = bt_cache;
-    if (cache.head == static_cast<uint32_t>(cache.tail)) {
-        cache.head = 0;
-        const int fd = port->fd;
-        cache.tail =
-            static_cast<int32_t>(kiv::retry([=, &cache] { return ::read(fd, cache.data, longest_packet); }));
-        if (cache.tail <= 0) [[unlikely]]
-            return without_packet(cache.tail, KIV_SITE("bt_cache.tail > 0"));
-    }
-    const uint8_t *from = cache.data + cache.head;
-    const unsigned int count = std::min(static_cast<uint32_t>(cache.tail) - cache.head, length);
-    cache.head += count;
-    if (count == 1) // stacks read headers by the byte
-        *static_cast<uint8_t *>(buffer) = *from;
-    else
-        ::memcpy(buffer, from, count);
+// From a cache that is not empty.
+[[gnu::noinline]] int hand_out(void *buffer, unsigned int length) {
+    const unsigned int count = std::min(static_cast<uint32_t>(bt_cache.tail) - bt_cache.head, length);
+    const uint8_t *from = bt_cache.data + bt_cache.head;
+    bt_cache.head += count;
+    ::memcpy(buffer, from, count);
     return static_cast<int>(count);
+}
+
+[[gnu::noinline]] int read_packet(int fd, void *buffer, unsigned int length, const char *function) {
+    bt_cache.head = 0;
+    const ssize_t ret = kiv::retry([=] { return ::read(fd, bt_cache.data, longest_packet); });
+    bt_cache.tail = static_cast<int32_t>(ret);
+    if (ret <= 0) [[unlikely]]
+        return without_packet(static_cast<int>(ret), kiv::in(function, KIV_SITE("bt_cache.tail > 0")));
+    return hand_out(buffer, length);
+}
+
+// Stacks read headers by the byte: that way costs no call.
+int pos_read_bt(UART_infos *port, void *buffer, unsigned int length) {
+    if (bt_cache.head == static_cast<uint32_t>(bt_cache.tail))
+        return read_packet(port->fd, buffer, length, __func__);
+    if (length != 1)
+        return hand_out(buffer, length);
+    *static_cast<uint8_t *>(buffer) = bt_cache.data[bt_cache.head++];
+    return 1;
 }
 
 // 3. Writing --------------------------------------------------------------------------------------------
@@ -175,17 +183,22 @@ int take_byte(const UART_infos &port, uint8_t byte) {
     return packet.count < short_header ? 1 : continue_header(port);
 }
 
+[[gnu::noinline]] int take_payload(const UART_infos &port, const void *bytes, unsigned int length) {
+    packet_assembler &packet = bt_packet;
+    uint8_t *to = packet.data + packet.count;
+    const unsigned int taken = std::min(static_cast<uint32_t>(packet.len) - packet.count, length);
+    packet.count += taken;
+    ::memcpy(to, bytes, taken);
+    return packet.count == static_cast<uint32_t>(packet.len) ? send_packet(port, taken)
+                                                             : static_cast<int>(taken);
+}
+
 int pos_write_bt(UART_infos *port, const void *buffer, unsigned int length) {
     if (length == 0) [[unlikely]]
         return 0;
-    packet_assembler &packet = bt_packet;
-    if (packet.len == 0)
-        return take_byte(*port, *static_cast<const uint8_t *>(buffer));
-    const uint32_t missing = static_cast<uint32_t>(packet.len) - packet.count;
-    const unsigned int taken = std::min(missing, length);
-    ::memcpy(packet.data + packet.count, buffer, taken);
-    packet.count += taken;
-    return taken == missing ? send_packet(*port, taken) : static_cast<int>(taken);
+    if (bt_packet.len != 0)
+        return take_payload(*port, buffer, length);
+    return take_byte(*port, *static_cast<const uint8_t *>(buffer));
 }
 
 int pos_writev_bt(UART_infos *port, const iovec *iov, int iovcnt) {
