@@ -12,7 +12,7 @@
 
 #include "kiv/uart.h"
 
-enum { INDICATOR_COMMAND = 1, INDICATOR_ACL = 2, INDICATOR_SCO = 3, INDICATOR_EVENT = 4 };
+enum { INDICATOR_COMMAND = 1, INDICATOR_SCO = 3, INDICATOR_EVENT = 4 };
 enum { COMMAND_COMPLETE = 0x0e, COMMAND_STATUS = 0x0f };
 enum { RESET = 0x0c03, READ_LOCAL_VERSION = 0x1001, READ_BD_ADDR = 0x1009 };
 
@@ -32,21 +32,12 @@ static int read_packet(UART_infos *port, struct packet *packet) {
     int status = read_exactly(port, &packet->indicator, 1);
     if (status != 0)
         return status;
-    switch (packet->indicator) {
-    case INDICATOR_EVENT:
-        status = read_exactly(port, packet->header, 2);
-        length = packet->header[1];
-        break;
-    case INDICATOR_SCO:
-        status = read_exactly(port, packet->header, 3);
-        length = packet->header[2];
-        break;
-    default:
-        status = read_exactly(port, packet->header, 4);
-        length = packet->header[2] + 256u * packet->header[3];
-        break;
-    }
-    return status != 0 ? status : read_exactly(port, packet->data, length);
+    length = packet->indicator == INDICATOR_EVENT ? 2 : packet->indicator == INDICATOR_SCO ? 3 : 4;
+    status = read_exactly(port, packet->header, length);
+    if (status != 0)
+        return status;
+    length = length == 4 ? packet->header[2] + 256u * packet->header[3] : packet->header[length - 1];
+    return read_exactly(port, packet->data, length);
 }
 
 /* Sends a command without parameters and waits for its end. Returns the event's return parameters, the first
