@@ -313,6 +313,8 @@ ssize_t write_socket(int, void *state, const iovec *pieces, int count) {
     const std::size_t length = length_of(pieces, count);
     std::size_t filled = 0;
     for (int i = 0; i < count && length <= sizeof packet; ++i) {
+        if (pieces[i].iov_len == 0) // and perhaps no address
+            continue;
         ::memcpy(packet + filled, pieces[i].iov_base, pieces[i].iov_len);
         filled += pieces[i].iov_len;
     }
