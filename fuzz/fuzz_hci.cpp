@@ -195,8 +195,12 @@ class Session {
         switch (what % 8) {
         case 0:
             return send_gathered(input.bytes(amount));
-        case 1:
-            return controller_sends(input.bytes(amount));
+        case 1: {
+            Bytes packet = input.bytes(amount);
+            if (what / 8 % 2 != 0) // longer than an input need be
+                packet.resize(std::min(longest, packet.size() * 5));
+            return controller_sends(packet);
+        }
         case 2:
             return read(amount * 5);
         case 3: // a payload that an input need not hold

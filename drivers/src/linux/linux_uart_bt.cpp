@@ -75,14 +75,35 @@ struct packet_cache {
 
 constinit packet_cache bt_cache{};
 
-[[gnu::cold, gnu::noinline]] int without_packet(int ret, kiv::site at) {
-    check(false, at);
-    bt_cache.tail = 0;
+ssize_t read_socket(const UART_infos &port) {
+    return ::read(port.fd, bt_cache.data, longest_packet);
+}
+
+// What a read that gave no packet means. An interrupted one is made again. The cache is empty then.
+[[gnu::cold, gnu::noinline]] ssize_t without_packet(const UART_infos &port, ssize_t ret, kiv::site at) {
+    if (ret == -1 && errno == EINTR)
+        ret = kiv::retry([&] { return read_socket(port); });
+    check(ret > 0, at);
     return ret;
 }
 
-// From a cache that is not empty.
-[[gnu::noinline]] int hand_out(void *buffer, unsigned int length) {
+[[gnu::noinline]] int read_packet(UART_infos *port, void *buffer, unsigned int length, const char *function) {
+    bt_cache.head = 0;
+    bt_cache.tail = 0;
+    ssize_t ret = read_socket(*port);
+    if (ret <= 0) [[unlikely]] {
+        ret = without_packet(*port, ret, kiv::in(function, KIV_SITE("bt_cache.tail > 0")));
+        if (ret <= 0)
+            return static_cast<int>(ret);
+    }
+    const unsigned int count = std::min(static_cast<unsigned int>(ret), length);
+    bt_cache.head = count;
+    bt_cache.tail = static_cast<int32_t>(ret);
+    ::memcpy(buffer, bt_cache.data, count);
+    return static_cast<int>(count);
+}
+
+[[gnu::noinline]] int read_cached(void *buffer, unsigned int length) {
     const unsigned int count = std::min(static_cast<uint32_t>(bt_cache.tail) - bt_cache.head, length);
     const uint8_t *from = bt_cache.data + bt_cache.head;
     bt_cache.head += count;
@@ -90,21 +111,12 @@ constinit packet_cache bt_cache{};
     return static_cast<int>(count);
 }
 
-[[gnu::noinline]] int read_packet(int fd, void *buffer, unsigned int length, const char *function) {
-    bt_cache.head = 0;
-    const ssize_t ret = kiv::retry([=] { return ::read(fd, bt_cache.data, longest_packet); });
-    bt_cache.tail = static_cast<int32_t>(ret);
-    if (ret <= 0) [[unlikely]]
-        return without_packet(static_cast<int>(ret), kiv::in(function, KIV_SITE("bt_cache.tail > 0")));
-    return hand_out(buffer, length);
-}
-
 // Stacks read headers by the byte: that way costs no call.
 int pos_read_bt(UART_infos *port, void *buffer, unsigned int length) {
     if (bt_cache.head == static_cast<uint32_t>(bt_cache.tail))
-        return read_packet(port->fd, buffer, length, __func__);
+        return read_packet(port, buffer, length, __func__);
     if (length != 1)
-        return hand_out(buffer, length);
+        return read_cached(buffer, length);
     *static_cast<uint8_t *>(buffer) = bt_cache.data[bt_cache.head++];
     return 1;
 }
