@@ -558,9 +558,9 @@ int kiv_sim_hci_send(unsigned number, const void *packet, size_t length) {
 unsigned kiv_sim_hci_release(unsigned number, unsigned count) {
     unsigned released = 0;
     with_controller(number, [&](controller &of) {
-        unsigned char packet[hci_longest];
-        for (size_t length = 0; released < count; ++released) {
-            length = take_packet(of.held, packet, sizeof packet);
+        unsigned char packet[hci_longest] = {};
+        for (; released < count; ++released) {
+            const size_t length = take_packet(of.held, packet, sizeof packet);
             if (length == 0)
                 break;
             --of.state.held;

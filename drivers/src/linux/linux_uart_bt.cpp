@@ -170,16 +170,16 @@ constexpr uint32_t acl_header = 5;
 // The header may be complete now: then it tells the packet's length.
 int continue_header(const UART_infos &port) {
     packet_assembler &packet = bt_packet;
-    int32_t len = short_header + packet.data[3];
+    uint32_t len = short_header + packet.data[3];
     if (packet.type == acl_data) {
         if (packet.count < acl_header)
             return 1;
-        len = static_cast<int32_t>(acl_header) + packet.data[3] + (packet.data[4] << 8);
+        len = acl_header + packet.data[3] + 256U * packet.data[4];
     }
-    packet.len = len;
-    if (len > static_cast<int32_t>(longest_packet)) [[unlikely]]
+    packet.len = static_cast<int32_t>(len);
+    if (len > longest_packet) [[unlikely]]
         return drop_header();
-    return packet.count == static_cast<uint32_t>(len) ? send_packet(port, 1) : 1;
+    return packet.count == len ? send_packet(port, 1) : 1;
 }
 
 // One byte of the indicator and the header.
