@@ -75,21 +75,28 @@ struct packet_cache {
 
 constinit packet_cache bt_cache{};
 
+void empty_cache() {
+    bt_cache.head = 0;
+    bt_cache.tail = 0;
+}
+
 ssize_t read_socket(const UART_infos &port) {
     return ::read(port.fd, bt_cache.data, longest_packet);
 }
 
-// What a read that gave no packet means. An interrupted one is made again. The cache is empty then.
+// What a read that gave no packet means: an interrupted one is made again.
 [[gnu::cold, gnu::noinline]] ssize_t without_packet(const UART_infos &port, ssize_t ret, kiv::site at) {
     if (ret == -1 && errno == EINTR)
         ret = kiv::retry([&] { return read_socket(port); });
-    check(ret > 0, at);
+    if (ret <= 0) {
+        empty_cache();
+        check(false, at);
+    }
     return ret;
 }
 
+// Only when the cache is empty. Apart from the rest, so that reading from the cache saves fewer registers.
 [[gnu::noinline]] int read_packet(UART_infos *port, void *buffer, unsigned int length, const char *function) {
-    bt_cache.head = 0;
-    bt_cache.tail = 0;
     ssize_t ret = read_socket(*port);
     if (ret <= 0) [[unlikely]] {
         ret = without_packet(*port, ret, kiv::in(function, KIV_SITE("bt_cache.tail > 0")));
@@ -103,22 +110,18 @@ ssize_t read_socket(const UART_infos &port) {
     return static_cast<int>(count);
 }
 
-[[gnu::noinline]] int read_cached(void *buffer, unsigned int length) {
+int pos_read_bt(UART_infos *port, void *buffer, unsigned int length) {
+    if (bt_cache.head == static_cast<uint32_t>(bt_cache.tail))
+        return read_packet(port, buffer, length, __func__);
+    if (length == 1) { // stacks read headers by the byte: that way costs no call
+        *static_cast<uint8_t *>(buffer) = bt_cache.data[bt_cache.head++];
+        return 1;
+    }
     const unsigned int count = std::min(static_cast<uint32_t>(bt_cache.tail) - bt_cache.head, length);
     const uint8_t *from = bt_cache.data + bt_cache.head;
     bt_cache.head += count;
     ::memcpy(buffer, from, count);
     return static_cast<int>(count);
-}
-
-// Stacks read headers by the byte: that way costs no call.
-int pos_read_bt(UART_infos *port, void *buffer, unsigned int length) {
-    if (bt_cache.head == static_cast<uint32_t>(bt_cache.tail))
-        return read_packet(port, buffer, length, __func__);
-    if (length != 1)
-        return read_cached(buffer, length);
-    *static_cast<uint8_t *>(buffer) = bt_cache.data[bt_cache.head++];
-    return 1;
 }
 
 // 3. Writing --------------------------------------------------------------------------------------------
@@ -271,8 +274,7 @@ int pos_open_bt_generic(UART_infos *port, const char *dev_number, opening_type t
         return trace_errno(KIV_SITE("ret = ioctl(UART_infos->fd, " HCI_REQUEST_TEXT("201") ", dev_id)"));
 
     // What an earlier port has left half read or half written is not for this one.
-    bt_cache.head = 0;
-    bt_cache.tail = 0;
+    empty_cache();
     forget_packet();
     port->fd = device.release();
     kiv::attach(*port,
