@@ -31,6 +31,7 @@
 #include "common/wait.h"
 #include "kiv/transports.h"
 
+using kiv::after;
 using kiv::connection;
 using kiv::mutex_hold;
 using kiv::trace_errno;
@@ -213,7 +214,7 @@ int pos_open_tcp(UART_infos *port, const char *device_name, unsigned int options
         return kiv::refuse_null(KIV_SITE("(UART_infos) != ((void *)0)"));
     if (device_name == nullptr)
         return kiv::refuse_null(KIV_SITE("(device_name) != ((void *)0)"));
-    const char *number = kiv::after(server_prefix, device_name);
+    const char *number = after(server_prefix, device_name);
     if (number == nullptr)
         return EINVAL;
     const long port_number = ::strtol(number, nullptr, 10);
@@ -256,7 +257,7 @@ struct peer_name {
 
 // "tcpout:", a dotted IPv4 address, ":" and a number.
 bool parse(const char *device_name, peer_name &peer) {
-    const char *host = kiv::after(client_prefix, device_name);
+    const char *host = after(client_prefix, device_name);
     const char *colon = host != nullptr ? ::strchr(host, ':') : nullptr;
     if (colon == nullptr || static_cast<size_t>(colon - host) >= sizeof peer.host)
         return false;
