@@ -9,6 +9,11 @@ if(KIV_SANITIZE)
   add_link_options(-fsanitize=${KIV_SANITIZE})
 endif()
 
+option(KIV_FUZZ "Build the fuzzers instead of the tests (needs clang)" OFF)
+if(KIV_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link) # tells the fuzzers which branches an input has reached
+endif()
+
 add_library(kiv-warnings INTERFACE)
 target_compile_options(kiv-warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef -Wcast-align

@@ -8,11 +8,12 @@
 
 namespace kiv::sim {
 
+extern const device hci_device;
 extern const device tty_device;
 
 namespace {
 
-constexpr const device *devices[] = {&tty_device};
+constexpr const device *devices[] = {&hci_device, &tty_device};
 
 template <class Matches>
 const device *find(Matches matches) {

@@ -3,6 +3,9 @@
  *
  * The device name given to sup_uart_Init2 selects what stands behind a port:
  *
+ *   hci0            the Bluetooth controller hci0, as a UART that speaks H4; see pos_open_bt in
+ *                   transports.h. Every name that begins with "hci" means a controller
+ *   btsyspath:...   refused with -22
  *   tcp:5000        a TCP server on port 5000 of every local IPv4 address, one client at a time. Anybody
  *                   who reaches the machine can connect: there is no password
  *   tcpout:...      refused here with 19 (ENODEV); see pos_open_tcp_client in transports.h

@@ -168,6 +168,10 @@ int sup_uart_Init2(UART_infos *port, const char *device_name, unsigned int speed
     const UART_status_cb callbacks = status_cb != nullptr ? *status_cb : UART_status_cb{};
     sup_uart_Prepare(port, &callbacks);
 
+    if (has_prefix(device_name, "hci"))
+        return sup_uart_Opened(port, pos_open_bt(port, device_name, options));
+    if (has_prefix(device_name, "btsyspath:"))
+        return sup_uart_Opened(port, pos_open_bt_syspath(port, device_name, options));
     if (has_prefix(device_name, "tcp:"))
         return sup_uart_Opened(port, pos_open_tcp(port, device_name, options));
     if (has_prefix(device_name, "tcpout:")) {

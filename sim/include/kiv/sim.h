@@ -9,6 +9,7 @@
  *   Board                 start afresh
  *   Faults                fail, answer or shorten the n-th call of a kind; count calls
  *   Serial lines          the far end of /dev/ttyKIV0 to /dev/ttyKIV3
+ *   Bluetooth             the controllers hci0 to hci3 behind raw HCI sockets
  *
  * Threads: every function may be called from any thread, at the same time as the simulated system calls.
  *
@@ -237,6 +238,82 @@ KIV_SIM_API int kiv_sim_line_hang_up(unsigned line, int readable);
 
 /* The device comes back and can be opened again. */
 KIV_SIM_API int kiv_sim_line_plug_in(unsigned line);
+
+/* Bluetooth ----------------------------------------------------------------------------------------- */
+
+/*
+ * Controller n is hci<n>, reached by a raw HCI socket: socket(AF_BLUETOOTH, SOCK_RAW, 1), bind, the filter
+ * (which lets nothing through at first), and the requests up, down and raw mode, answered as a kernel does.
+ * At first hci0 and hci1 are there and up, and the others are absent.
+ *
+ * A controller answers Reset, Read Local Version Information, Read Buffer Size and Read BD_ADDR, fails every
+ * other command with status 0x01, sends ACL data back after the event that its buffer is free, and swallows
+ * SCO data. The address of controller n is C2:DE:CA:FE:00:0n. Every socket that is bound to it gets all that
+ * it sends, as far as the socket's filter lets it.
+ *
+ * Every function returns EINVAL (or 0 where a count is returned) for a controller beyond the last.
+ */
+enum { KIV_SIM_HCIS = 4, KIV_SIM_HCI_REQUESTS = 8 };
+
+typedef struct kiv_sim_hci_config {
+    int present; /* 0: bind and requests give ENODEV. Set it to 1 to plug a controller in again */
+    int capable; /* the process has CAP_NET_ADMIN and CAP_NET_RAW; otherwise requests and writes give EPERM */
+    int busy;    /* somebody has the controller for himself: requests give EBUSY */
+    int set_raw_error;   /* errno of the raw-mode request; 0 allows raw mode, as kernels did before 3.x. Later
+                            ones give EOPNOTSUPP */
+    unsigned max_packet; /* longest packet that a write takes, 4 to 1029; 1029 at first, 1028 on kernel 6.1.
+                            Others, and those below 4 bytes, give EINVAL */
+    int answers;         /* 0: the controller takes packets and says nothing */
+    int hold;            /* its packets wait for kiv_sim_hci_release */
+    unsigned fragment;   /* a packet of more bytes than this reaches the host as several; 0 means whole */
+} kiv_sim_hci_config;
+
+KIV_SIM_API int kiv_sim_hci_get_config(unsigned controller, kiv_sim_hci_config *config);
+KIV_SIM_API int kiv_sim_hci_set_config(unsigned controller, const kiv_sim_hci_config *config);
+
+typedef struct kiv_sim_hci_state {
+    int up, raw;
+    unsigned sockets; /* bound to it */
+    unsigned held;    /* packets that wait for kiv_sim_hci_release */
+
+    /* The requests for it since the board was reset, refused ones included: their number, and the first ones
+     * in order (0x400448c9 up, 0x400448ca down, 0x400448dc raw mode). */
+    unsigned requests;
+    unsigned request[KIV_SIM_HCI_REQUESTS];
+
+    /* Counts since the board was reset. */
+    unsigned packets;   /* accepted from the host */
+    unsigned delivered; /* to sockets, pieces of packets counted each */
+    unsigned lost;      /* the socket's queue was full */
+    /* What the model has got, while config.answers was on. */
+    unsigned commands, acl_packets, sco_packets;
+    unsigned malformed; /* packets whose length field did not fit */
+} kiv_sim_hci_state;
+
+/* Takes a snapshot. */
+KIV_SIM_API int kiv_sim_hci_inspect(unsigned controller, kiv_sim_hci_state *state);
+
+/* Takes the oldest packet that the host has sent, indicator first, cut to `size` bytes. Returns its length in
+ * the buffer, 0 when there is none; does not wait. When a megabyte has not been taken, further packets are
+ * not kept. */
+KIV_SIM_API size_t kiv_sim_hci_receive(unsigned controller, void *buffer, size_t size);
+
+/* The controller sends these bytes, 1 to 1029, as one packet, whatever they are; the first is the indicator.
+ */
+KIV_SIM_API int kiv_sim_hci_send(unsigned controller, const void *packet, size_t length);
+
+/* Delivers up to `count` packets that config.hold has held back, oldest first. Returns how many there were.
+ */
+KIV_SIM_API unsigned kiv_sim_hci_release(unsigned controller, unsigned count);
+
+/* From now on commands of this opcode fail with this status, in the event that such a command is answered
+ * with; status 0 ends that. ENOSPC beyond eight opcodes. */
+KIV_SIM_API int kiv_sim_hci_refuse(unsigned controller, unsigned opcode, unsigned status);
+
+/* The controller goes away. Its sockets stay unbound; writes to them give EPIPE. With error EPIPE the next
+ * read gives that error, before what is queued, and later ones wait for ever, as a kernel does it; with error
+ * 0 reads give what is queued and then 0. */
+KIV_SIM_API int kiv_sim_hci_unplug(unsigned controller, int error);
 
 #ifdef __cplusplus
 }
