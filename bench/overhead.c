@@ -3,184 +3,55 @@
  *
  *     overhead CASE library|floor COUNT
  *
- * bench/overhead counts the instructions and system calls of two run lengths; what the loop itself and the
+ * bench/report counts the instructions and system calls of two run lengths; what the loop itself and the
  * peer cost is the same on both sides and falls out of the difference. "overhead list" names the cases.
  */
-#define _GNU_SOURCE
-#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <netinet/in.h>
-#include <termios.h>
-#include <unistd.h>
 
-#include "kiv/uart.h"
-#include "straight.h"
+#include "cases.h"
 
-enum { block = 64 };
-static char data[block];
-static UART_infos port;
-static struct straight_tty *tty;
-static struct straight_stream stream;
-static sup_mutex_t stream_lock;
-static int peer = -1;
-static const char *path;
+static const struct bench_case *const areas[] = {serial_cases};
+enum { area_count = sizeof areas / sizeof areas[0] };
 
-static void must(int holds, const char *what) {
+void must(int holds, const char *what) {
     if (!holds) {
         perror(what);
         exit(2);
     }
 }
 
-static void start_tty(int use_library) {
-    peer = posix_openpt(O_RDWR | O_NOCTTY);
-    must(peer >= 0 && grantpt(peer) == 0 && unlockpt(peer) == 0, "pty");
-    path = ptsname(peer);
-    if (use_library)
-        must(sup_uart_Init(&port, path, UART_SPEED_115200, 0) == 0, "sup_uart_Init");
-    else
-        must(straight_tty_open(&tty, path) == 0, "straight_tty_open");
+static const struct bench_case *find(const char *name) {
+    for (int area = 0; area < area_count; ++area)
+        for (const struct bench_case *each = areas[area]; each->name != NULL; ++each)
+            if (strcmp(each->name, name) == 0)
+                return each;
+    return NULL;
 }
 
-static void start_stream(int use_library) {
-    int listener = -1;
-    if (use_library) {
-        must(sup_uart_Init(&port, "tcp:0", 0, 0) == 0, "sup_uart_Init");
-        listener = port.fd_listen;
-    } else {
-        must(straight_stream_open(&listener, 0) == 0, "straight_stream_open");
-        must(sup_mutex_init(&stream_lock, 0) == 0, "sup_mutex_init");
-        stream.lock = &stream_lock;
-    }
-    struct sockaddr_in address;
-    socklen_t size = sizeof address;
-    must(getsockname(listener, (struct sockaddr *)&address, &size) == 0, "getsockname");
-    peer = socket(AF_INET, SOCK_STREAM, 0);
-    must(connect(peer, (struct sockaddr *)&address, sizeof address) == 0, "connect");
-    if (use_library) /* the first send takes the client in */
-        must(sup_uart_Send(&port, data, 1) == 0 && read(peer, data, 1) == 1, "sup_uart_Send");
-    else
-        must((stream.fd = accept(listener, NULL, NULL)) >= 0, "accept");
+static int list(void) {
+    for (int area = 0; area < area_count; ++area)
+        for (const struct bench_case *each = areas[area]; each->name != NULL; ++each)
+            printf("%s %d\n", each->name, each->at_most);
+    return 0;
 }
-
-static void feed(void) { must(write(peer, data, block) == block, "feed"); }
-
-static void drain(size_t length) {
-    char sink[4 * block];
-    while (length > 0) {
-        ssize_t count = read(peer, sink, sizeof sink);
-        must(count > 0, "drain");
-        length -= (size_t)count;
-    }
-}
-
-static void tty_read(int use_library) {
-    unsigned int length = block;
-    feed();
-    must((use_library ? sup_uart_Read(&port, data, &length) : straight_tty_read(tty, data, &length)) == 0, "read");
-}
-
-static void tty_read_partial(int use_library) {
-    unsigned int length = block;
-    feed();
-    must((use_library ? sup_uart_Read_partial(&port, data, &length)
-                      : straight_tty_read_partial(tty, data, &length)) == 0,
-         "read");
-}
-
-static void tty_read_timed(int use_library) {
-    unsigned int length = block;
-    feed();
-    must((use_library ? sup_uart_Read_partial_timeout(&port, data, &length, 1000)
-                      : straight_tty_read_timed(tty, data, &length, 1000)) == 0,
-         "read");
-}
-
-static void tty_send(int use_library) {
-    must((use_library ? sup_uart_Send(&port, data, block) : straight_tty_send(tty, data, block)) == 0, "send");
-    drain(block);
-}
-
-static void tty_sendv(int use_library) {
-    const struct iovec pieces[] = {{data, block}, {data, block}, {data, block}};
-    unsigned int sent;
-    must((use_library ? sup_uart_Sendv(&port, pieces, 3, &sent) : straight_tty_sendv(tty, pieces, 3, &sent)) == 0,
-         "send");
-    drain(3 * (size_t)block);
-}
-
-static void tty_open_close(int use_library) {
-    if (use_library) {
-        UART_infos another;
-        must(sup_uart_Init(&another, path, UART_SPEED_115200, 0) == 0 && sup_uart_close(&another) == 0, "open");
-    } else {
-        struct straight_tty *another;
-        must(straight_tty_open(&another, path) == 0 && straight_tty_close(another) == 0, "open");
-    }
-}
-
-static void tcp_read(int use_library) {
-    unsigned int length = block;
-    feed();
-    must((use_library ? sup_uart_Read(&port, data, &length) : straight_stream_read(&stream, data, &length)) == 0,
-         "read");
-}
-
-static void tcp_send(int use_library) {
-    must((use_library ? sup_uart_Send(&port, data, block) : straight_stream_send(&stream, data, block)) == 0,
-         "send");
-    drain(block);
-}
-
-static void tcp_open_close(int use_library) {
-    if (use_library) {
-        UART_infos another;
-        must(sup_uart_Init(&another, "tcp:0", 0, 0) == 0 && sup_uart_close(&another) == 0, "open");
-    } else {
-        int listener;
-        must(straight_stream_open(&listener, (int)strtol("0", NULL, 10)) == 0 && close(listener) == 0, "open");
-    }
-}
-
-static const struct bench_case {
-    const char *name;
-    void (*start)(int use_library);
-    void (*once)(int use_library);
-    int at_most; /* instructions that the library may add */
-} cases[] = {
-    {"tty-read", start_tty, tty_read, 12},
-    {"tty-read-partial", start_tty, tty_read_partial, 16},
-    {"tty-read-timed", start_tty, tty_read_timed, 16},
-    {"tty-send", start_tty, tty_send, 14},
-    {"tty-sendv-3", start_tty, tty_sendv, 50},
-    {"tty-open-close", start_tty, tty_open_close, 40},
-    {"tcp-read", start_stream, tcp_read, 26},
-    {"tcp-send", start_stream, tcp_send, 20},
-    {"tcp-open-close", start_stream, tcp_open_close, 40},
-};
 
 int main(int argc, char **argv) {
-    const size_t count_of_cases = sizeof cases / sizeof cases[0];
-    if (argc == 2 && strcmp(argv[1], "list") == 0) {
-        for (size_t i = 0; i < count_of_cases; ++i)
-            printf("%s %d\n", cases[i].name, cases[i].at_most);
-        return 0;
-    }
+    if (argc == 2 && strcmp(argv[1], "list") == 0)
+        return list();
     if (argc != 4) {
         fprintf(stderr, "usage: overhead CASE library|floor COUNT\n       overhead list\n");
         return 2;
     }
+    const struct bench_case *chosen = find(argv[1]);
+    if (chosen == NULL) {
+        fprintf(stderr, "overhead: no case is named '%s'\n", argv[1]);
+        return 2;
+    }
     const int use_library = strcmp(argv[2], "library") == 0;
-    for (size_t i = 0; i < count_of_cases; ++i)
-        if (strcmp(cases[i].name, argv[1]) == 0) {
-            cases[i].start(use_library);
-            for (long n = strtol(argv[3], NULL, 10); n > 0; --n)
-                cases[i].once(use_library);
-            return 0;
-        }
-    fprintf(stderr, "overhead: no case is named '%s'\n", argv[1]);
-    return 2;
+    chosen->start(use_library);
+    for (long n = strtol(argv[3], NULL, 10); n > 0; --n)
+        chosen->once(use_library);
+    return 0;
 }

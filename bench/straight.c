@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
@@ -30,7 +31,8 @@ int straight_tty_open(struct straight_tty **out, const char *path) {
     settings.c_iflag &= ~(tcflag_t)(IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR | ICRNL | IXON);
     settings.c_oflag &= ~(tcflag_t)OPOST;
     settings.c_lflag &= ~(tcflag_t)(ECHO | ECHONL | ICANON | ISIG | IEXTEN);
-    settings.c_cflag = (settings.c_cflag & ~(tcflag_t)(CSIZE | PARENB | CRTSCTS | CBAUD)) | CS8 | CLOCAL | B115200;
+    settings.c_cflag =
+        (settings.c_cflag & ~(tcflag_t)(CSIZE | PARENB | CRTSCTS | CBAUD)) | CS8 | CLOCAL | B115200;
     settings.c_cc[VMIN] = 1;
     settings.c_cc[VTIME] = 0;
     if (ioctl(fd, TCSETS2, &settings) == -1)
@@ -134,6 +136,9 @@ int straight_stream_open(int *listener, int port_number) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     if (fd == -1)
         return errno;
+    static pthread_mutex_t first_use = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_lock(&first_use); /* somebody has to make the port's lock, once */
+    pthread_mutex_unlock(&first_use);
     if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) == -1 ||
         bind(fd, (const struct sockaddr *)&address, sizeof address) == -1 || listen(fd, 1) == -1) {
         close(fd);
@@ -156,6 +161,17 @@ int straight_stream_read(struct straight_stream *stream, void *buffer, unsigned 
         at += count;
         remaining -= (unsigned int)count;
     }
+    return 0;
+}
+
+int straight_stream_read_partial(struct straight_stream *stream, void *buffer, unsigned int *length) {
+    sup_mutex_lock(stream->lock);
+    int fd = stream->fd;
+    sup_mutex_unlock(stream->lock);
+    ssize_t count = read(fd, buffer, *length);
+    if (count <= 0)
+        return count == 0 ? EIO : errno;
+    *length = (unsigned int)count;
     return 0;
 }
 
