@@ -103,8 +103,9 @@ typedef void (*kiv_bnep_sender_cb)(void *context, uint16_t protocol, const uint8
  *
  * All calls must come from one thread, or never overlap.
  *
- * Returns what kiv-core returned for letting the thread run (0 is success) when starting, for unlocking when
- * replacing; -1 when stopping, which is not a failure; 0 when there is nothing to stop. */
+ * Returns what kiv-core returned for letting the thread run when starting (0 is success; after any other
+ * value the sender counts as started all the same, and can be stopped), for unlocking when replacing; -1 when
+ * stopping, which is not a failure; 0 when there is nothing to stop. */
 KIV_API int kiv_bnep_set_sender_priority(kiv_bnep_sender_cb sender, const uint8_t *address, int priority);
 
 /* The same with KIV_BNEP_DEFAULT_PRIORITY. */

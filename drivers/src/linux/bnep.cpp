@@ -6,11 +6,10 @@
 //   3. Start, stop       the control side
 //   4. Inbound
 //
-// drv.mutex guards the callback and every delivery to it. The descriptor and the buffer have one owner at a
-// time, whoever holds tap_owner: the thread while it makes them and while it releases them at its own end,
-// the stop from before it deletes the thread until it has released what the thread left. The thread only
-// tries for the lock, because only a stop can have it, and then there is nothing left to do. So it does not
-// matter whether sup_thread_delete waits for the thread or ends it where it stands: it stands outside.
+// drv.mutex guards the callback and every delivery to it. The descriptor and the buffer are made and released
+// under tap_lock, by the thread until a stop takes them over, and by the stop from then on. A stop takes them
+// over before it deletes the thread, so that the thread is caught neither while it makes nor while it
+// releases them: it does not matter whether sup_thread_delete waits for its end or ends it where it stands.
 
 #define KIV_MODULE "drivers/src/linux/bnep"
 
@@ -22,7 +21,6 @@
 
 #include "common/fd.h"
 #include "common/lock.h"
-#include "common/memory.h"
 #include "common/report.h"
 #include "common/wait.h"
 #include "kiv/network.h"
@@ -34,23 +32,28 @@ namespace {
 
 constexpr size_t BNEP_BUFFER_SIZE = 1600;
 
-struct frame_buffer {
-    uint8_t bytes[BNEP_BUFFER_SIZE];
-};
-
 struct bnep_driver {
     uint8_t started; // and not stopped since; also when the thread has ended by itself
     sup_mutex_t mutex;
     sup_thread_control_t thread;
     kiv_bnep_sender_cb sender;
     int32_t fd; // -1 while there is no interface
-    frame_buffer *buffer;
+    uint8_t *buffer;
 };
 
 constinit bnep_driver drv{
     .started = 0, .mutex = {}, .thread = {}, .sender = nullptr, .fd = -1, .buffer = nullptr};
 constinit sup_thread_t bnep_sender_thread = nullptr;
-constinit pthread_mutex_t tap_owner = PTHREAD_MUTEX_INITIALIZER;
+constinit pthread_mutex_t tap_lock = PTHREAD_MUTEX_INITIALIZER;
+constinit bool taken_over = false; // by a stop
+
+class tap_hold {
+  public:
+    tap_hold() noexcept { ::pthread_mutex_lock(&tap_lock); }
+    ~tap_hold() { ::pthread_mutex_unlock(&tap_lock); }
+    tap_hold(const tap_hold &) = delete;
+    tap_hold &operator=(const tap_hold &) = delete;
+};
 
 // What threads look at without a lock.
 template <typename T>
@@ -62,7 +65,7 @@ void set(T &word, T value) {
     __atomic_store_n(&word, value, __ATOMIC_RELAXED);
 }
 
-// For the owner. The descriptor is taken away before it is closed, so that no frame is injected into what
+// The descriptor is taken away before it is closed, so that no frame is injected into what
 // gets its number next.
 void release_interface() {
     ::free(drv.buffer);
@@ -86,6 +89,9 @@ int open_bnep_interface(ifreq &interface) {
 
 // Returns false when there is nothing to wait for frames on.
 bool make_interface(const uint8_t *address, const char *function) {
+    const tap_hold hold;
+    if (taken_over)
+        return false;
     ifreq interface;
     set(drv.fd, open_bnep_interface(interface));
     if (drv.fd == -1) {
@@ -94,7 +100,7 @@ bool make_interface(const uint8_t *address, const char *function) {
         return false;
     }
     kiv::set_hardware_address(drv.fd, interface, address, kiv::byte_order::bluetooth, "BT address = ");
-    drv.buffer = kiv::make_zeroed<frame_buffer>();
+    drv.buffer = static_cast<uint8_t *>(::malloc(BNEP_BUFFER_SIZE));
     // Without it the first read fails and ends the thread.
     kiv::check(drv.buffer != nullptr, kiv::in(function, KIV_SITE("drv.buffer != ((void *)0)")));
     return true;
@@ -114,7 +120,9 @@ void deliver(const uint8_t *frame, size_t length) {
 }
 
 // Until the sender is stopped or the interface fails. The wait's limit is how a cleared callback is noticed.
-void forward_frames(int fd, uint8_t *buffer) {
+void forward_frames() {
+    const int fd = drv.fd;
+
     while (seen(drv.sender) != nullptr) {
         timeval limit = {.tv_sec = 1, .tv_usec = 0};
         const int ready = kiv::wait_readable(fd, &limit);
@@ -125,30 +133,25 @@ void forward_frames(int fd, uint8_t *buffer) {
         }
         if (ready == 0) [[unlikely]]
             continue;
-        const ssize_t length = ::read(fd, buffer, BNEP_BUFFER_SIZE);
+        const ssize_t length = ::read(fd, drv.buffer, BNEP_BUFFER_SIZE);
         if (length == -1 && errno != EINTR) [[unlikely]]
             return;
         // The kernel sends no frame without a whole header; from elsewhere one is dropped.
         if (length >= KIV_ETH_HEADER_SIZE && seen(drv.sender) != nullptr) [[likely]]
-            deliver(buffer, static_cast<size_t>(length));
+            deliver(drv.buffer, static_cast<size_t>(length));
     }
 }
 
-void *bnep_sender(void *argument) {
-    if (::pthread_mutex_trylock(&tap_owner) != 0)
-        return nullptr;
-    const bool made = make_interface(static_cast<const uint8_t *>(argument), __func__);
-    const int fd = drv.fd;
-    uint8_t *const buffer = drv.buffer != nullptr ? drv.buffer->bytes : nullptr;
-    ::pthread_mutex_unlock(&tap_owner);
-
-    if (made)
-        forward_frames(fd, buffer);
-
-    if (::pthread_mutex_trylock(&tap_owner) == 0) {
+void end_run() {
+    const tap_hold hold;
+    if (!taken_over)
         release_interface();
-        ::pthread_mutex_unlock(&tap_owner);
-    }
+}
+
+void *bnep_sender(void *argument) {
+    if (make_interface(static_cast<const uint8_t *>(argument), __func__))
+        forward_frames();
+    end_run();
     return nullptr;
 }
 
@@ -157,6 +160,9 @@ void *bnep_sender(void *argument) {
 int start(kiv_bnep_sender_cb sender, const uint8_t *address, int priority) {
     set<uint8_t>(drv.started, 1);
     set(drv.sender, sender);
+    // The thread of the run before may have been ended while it held the lock.
+    ::pthread_mutex_init(&tap_lock, nullptr);
+    taken_over = false;
     sup_mutex_init(&drv.mutex, 0);
     sup_thread_create(&bnep_sender_thread, &drv.thread, priority, bnep_sender, const_cast<uint8_t *>(address),
                       0, "BNEP sender");
@@ -169,14 +175,18 @@ int replace(kiv_bnep_sender_cb sender) {
     return sup_mutex_unlock(&drv.mutex);
 }
 
+void take_over() {
+    const tap_hold hold;
+    taken_over = true;
+}
+
 int stop() {
     replace(nullptr);
-    ::pthread_mutex_lock(&tap_owner);
+    take_over();
     sup_thread_delete(bnep_sender_thread);
-    bnep_sender_thread = nullptr;
+    bnep_sender_thread = nullptr; // should the next creation fail, it is not to be mistaken for a new one
     sup_mutex_destroy(&drv.mutex);
     release_interface();
-    ::pthread_mutex_unlock(&tap_owner);
     set<uint8_t>(drv.started, 0);
     return -1;
 }
