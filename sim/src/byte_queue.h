@@ -31,6 +31,12 @@ class byte_queue {
         end_ += length;
     }
 
+    // Gives the memory back as well; for queues that do not live as long as the board.
+    void release() {
+        ::free(bytes_);
+        *this = byte_queue();
+    }
+
     void drop(std::size_t length) {
         first_ += length;
         if (first_ == end_)

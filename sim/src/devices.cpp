@@ -10,10 +10,11 @@ namespace kiv::sim {
 
 extern const device hci_device;
 extern const device tty_device;
+extern const device tun_device;
 
 namespace {
 
-constexpr const device *devices[] = {&hci_device, &tty_device};
+constexpr const device *devices[] = {&hci_device, &tty_device, &tun_device};
 
 template <class Matches>
 const device *find(Matches matches) {

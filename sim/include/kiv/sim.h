@@ -10,6 +10,7 @@
  *   Faults                fail, answer or shorten the n-th call of a kind; count calls
  *   Serial lines          the far end of /dev/ttyKIV0 to /dev/ttyKIV3
  *   Bluetooth             the controllers hci0 to hci3 behind raw HCI sockets
+ *   TAP interfaces        the kernel behind /dev/net/tun and /dev/tun
  *
  * Threads: every function may be called from any thread, at the same time as the simulated system calls.
  *
@@ -314,6 +315,84 @@ KIV_SIM_API int kiv_sim_hci_refuse(unsigned controller, unsigned opcode, unsigne
  * read gives that error, before what is queued, and later ones wait for ever, as a kernel does it; with error
  * 0 reads give what is queued and then 0. */
 KIV_SIM_API int kiv_sim_hci_unplug(unsigned controller, int error);
+/* TAP interfaces ------------------------------------------------------------------------------------ */
+
+/*
+ * The TUN clone devices are the machine's own until kiv_sim_tun_set_node takes them over. So that a program
+ * which knows nothing of the board can have them, KIV_SIM_TUN in its environment takes them over as well:
+ * /dev/net/tun is then there, /dev/tun is not, and the value is the address of the host behind the
+ * interfaces, for example KIV_SIM_TUN=10.0.0.1. With KIV_SIM_TUN_PING=10.0.0.2 that host pings the other
+ * three times.
+ *
+ * A descriptor takes TUNSETIFF for TAP interfaces without packet information, which starts down and with a
+ * hardware address of the board's choosing; then SIOCSIFHWADDR, SIOCGIFHWADDR and TUNGETIFF. Frames keep
+ * their boundaries. As in the kernel: a name in use gives EBUSY, a group address EADDRNOTAVAIL, a frame
+ * written while the interface is down EIO, one shorter than its header EINVAL.
+ *
+ * Interfaces are known by their names. The functions that take one return ENODEV when there is none.
+ */
+enum {
+    KIV_SIM_NET_TUN = 0, /* /dev/net/tun */
+    KIV_SIM_DEV_TUN = 1, /* /dev/tun */
+    KIV_SIM_TUN_NODES = 2,
+    KIV_SIM_NAME_SIZE = 16,
+    KIV_SIM_TAP_FRAMES = 64 /* how many written frames wait to be collected; later ones are only counted */
+};
+
+typedef enum kiv_sim_tun_node {
+    KIV_SIM_TUN_REAL,      /* the machine's own, at first */
+    KIV_SIM_TUN_ABSENT,    /* opening gives ENOENT */
+    KIV_SIM_TUN_FORBIDDEN, /* it opens, but making an interface gives EPERM */
+    KIV_SIM_TUN_PRESENT
+} kiv_sim_tun_node;
+
+/* What openings of a node find from now on. EINVAL for another node or state. */
+KIV_SIM_API int kiv_sim_tun_set_node(unsigned node, kiv_sim_tun_node state);
+
+/* An IPv4 host behind an interface. Addresses are numbers: 10.0.0.1 is 0x0a000001. */
+typedef struct kiv_sim_host {
+    uint32_t address;
+    uint32_t peer;    /* whom it pings: asked for by ARP when its interface is ready, then */
+    unsigned pings;   /* so many times, each after the answer to the one before */
+    size_t ping_size; /* with so many bytes of data */
+} kiv_sim_host;
+
+/* Interfaces whose hardware address is set from now on have this host behind them, and are up at once. Null:
+ * none, as at first. */
+KIV_SIM_API void kiv_sim_tun_set_host(const kiv_sim_host *host);
+
+typedef struct kiv_sim_tap_state {
+    int exists; /* all else is 0 if not */
+    int up;
+    uint8_t hardware_address[6];
+    unsigned sent;     /* frames given to the program's queue */
+    unsigned received; /* frames that the program has written */
+    unsigned uncollected;
+    unsigned replies; /* right answers to the host's pings */
+} kiv_sim_tap_state;
+
+/* Takes a snapshot; of an interface that does not exist, too. */
+KIV_SIM_API void kiv_sim_tap_inspect(const char *name, kiv_sim_tap_state *state);
+
+/* Waits until done(state, context) returns nonzero. It is called whenever an interface has changed, with the
+ * interfaces locked: it must not call the board. */
+KIV_SIM_API void kiv_sim_tap_wait(const char *name,
+                                  int (*done)(const kiv_sim_tap_state *state, void *context), void *context);
+
+/* Up (nonzero) or down, as `ip link set` does it. */
+KIV_SIM_API int kiv_sim_tap_set_up(const char *name, int up);
+
+/* The interface goes away under its descriptor, as with `ip link delete`: the descriptor is readable, and
+ * every call on it gives EBADFD. */
+KIV_SIM_API int kiv_sim_tap_delete(const char *name);
+
+/* The kernel sends these bytes out of the interface, whatever they are. ENETDOWN while it is down; ENOBUFS
+ * when the program's queue is full. */
+KIV_SIM_API int kiv_sim_tap_send(const char *name, const void *frame, size_t length);
+
+/* Takes the oldest frame that the program has written. Returns its length and as much of it as `size` bytes
+ * hold; 0 when there is none. */
+KIV_SIM_API size_t kiv_sim_tap_receive(const char *name, void *buffer, size_t size);
 
 #ifdef __cplusplus
 }
