@@ -4,6 +4,7 @@
 #ifndef KIV_SIM_MEMORY_H
 #define KIV_SIM_MEMORY_H
 
+#include <cstddef>
 #include <cstdlib>
 
 namespace kiv::sim {
@@ -13,6 +14,12 @@ template <class Record>
 Record *allocate() {
     void *volatile nothing = nullptr;
     return static_cast<Record *>(::realloc(nothing, sizeof(Record)));
+}
+
+// The same for bytes; at least one, so that null always means failure.
+inline unsigned char *allocate_bytes(std::size_t size) {
+    void *volatile nothing = nullptr;
+    return static_cast<unsigned char *>(::realloc(nothing, size > 0 ? size : 1));
 }
 
 } // namespace kiv::sim

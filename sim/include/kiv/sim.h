@@ -11,6 +11,9 @@
  *   Serial lines          the far end of /dev/ttyKIV0 to /dev/ttyKIV3
  *   Bluetooth             the controllers hci0 to hci3 behind raw HCI sockets
  *   TAP interfaces        the kernel behind /dev/net/tun and /dev/tun
+ *   I2C bus               the chips on /dev/i2c-0
+ *   Processor             what /proc/cpuinfo says
+ *   FAT attributes        files that are on a FAT file system as far as programs can tell
  *
  * Threads: every function may be called from any thread, at the same time as the simulated system calls.
  *
@@ -393,6 +396,91 @@ KIV_SIM_API int kiv_sim_tap_send(const char *name, const void *frame, size_t len
 /* Takes the oldest frame that the program has written. Returns its length and as much of it as `size` bytes
  * hold; 0 when there is none. */
 KIV_SIM_API size_t kiv_sim_tap_receive(const char *name, void *buffer, size_t size);
+/* I2C bus ------------------------------------------------------------------------------------------- */
+
+/*
+ * /dev/i2c-0, with an EEPROM of 256 bytes (a 24C02) and a clock chip (a DS1307) on it. Nobody answers at
+ * other addresses. The requests of i2c-dev are answered, apart from SMBus, with the kernel's limits: 42
+ * messages of 8192 bytes. The controller does plain messages to seven-bit addresses; other flags give
+ * EOPNOTSUPP. The bus is always ready as far as poll can tell.
+ *
+ * The EEPROM starts with every byte 0xff. It takes up to 8 bytes in one write, which go round within their
+ * page, and then leaves its address unanswered for a number of attempts. The clock shows UTC and runs; its
+ * registers are BCD, 24 hours at first.
+ */
+enum {
+    KIV_SIM_I2C_EEPROM = 0x50, /* the chips' addresses */
+    KIV_SIM_I2C_CLOCK = 0x68,
+    KIV_SIM_I2C_MESSAGES = 42
+};
+
+typedef struct kiv_sim_i2c_message {
+    uint16_t address, flags, length;
+} kiv_sim_i2c_message;
+
+typedef struct kiv_sim_i2c_state {
+    unsigned open_files;
+    unsigned transfers;     /* begun on the bus since the board was reset */
+    unsigned refused;       /* those of them that a chip, or nobody, did not acknowledge */
+    unsigned waiting;       /* blocked at this moment */
+    unsigned pages_written; /* in the EEPROM */
+
+    /* The last I2C_RDWR as the program gave it, also when it was refused. */
+    unsigned last_count;
+    kiv_sim_i2c_message last[KIV_SIM_I2C_MESSAGES];
+} kiv_sim_i2c_state;
+
+KIV_SIM_API int kiv_sim_i2c_inspect(kiv_sim_i2c_state *state);
+
+/* What a transfer that nobody acknowledges gives: EREMOTEIO at first, ENXIO with other controllers. */
+KIV_SIM_API int kiv_sim_i2c_set_absent_error(int error);
+
+/* Takes a chip off the bus, or puts it back. EINVAL when no chip has that address. */
+KIV_SIM_API int kiv_sim_i2c_plug(unsigned address, int present);
+
+/* An address is in use by a kernel driver (or no longer): I2C_SLAVE gives EBUSY for it. */
+KIV_SIM_API int kiv_sim_i2c_claim(unsigned address, int by_driver);
+
+/* Holds the bus, as a chip does that stretches its clock: transfers block until it is let go. */
+KIV_SIM_API void kiv_sim_i2c_hold(int held);
+
+/* Set and read the EEPROM's bytes, past the bus. EINVAL for bytes that it does not have. */
+KIV_SIM_API int kiv_sim_eeprom_load(size_t offset, const void *data, size_t length);
+KIV_SIM_API int kiv_sim_eeprom_dump(size_t offset, void *data, size_t length);
+
+/* How many times the EEPROM leaves its address unanswered after each write; 3 at first. */
+KIV_SIM_API void kiv_sim_eeprom_set_busy(unsigned polls);
+
+/* Sets the clock, in seconds since 1970, years 2000 to 2099 (else EINVAL). It runs on from there, or stands
+ * still when `frozen` is nonzero. */
+KIV_SIM_API int kiv_sim_clock_set(int64_t time, int frozen);
+KIV_SIM_API int64_t kiv_sim_clock_time(void);
+
+/* Processor ----------------------------------------------------------------------------------------- */
+
+/*
+ * What programs read from /proc/cpuinfo: the machine's own until one of these is called. With
+ * KIV_SIM_CPUINFO=/path in the environment it is the contents of that file, unless a call says otherwise.
+ */
+
+/* The text, copied; it may hold any bytes. Null: back to the initial state. */
+KIV_SIM_API int kiv_sim_cpuinfo_set(const void *text, size_t length);
+
+/* A file or directory that is opened instead. Null: back to the initial state. */
+KIV_SIM_API int kiv_sim_cpuinfo_redirect(const char *path);
+
+/* FAT attributes ------------------------------------------------------------------------------------ */
+
+/*
+ * FAT_IOCTL_GET_ATTRIBUTES answers for the files named here as a FAT file system does; the files themselves
+ * are real ones. On every other file it is the kernel's to answer: ENOTTY but on a real FAT file system. With
+ * KIV_SIM_FAT=0x27:/path in the environment that file has these attributes.
+ */
+enum { KIV_SIM_FAT_FILES = 16 };
+
+/* ENOSPC when KIV_SIM_FAT_FILES are named; ENAMETOOLONG for a path of 256 characters or more. A path that is
+ * named again gets the new attributes. */
+KIV_SIM_API int kiv_sim_fat_set(const char *path, uint32_t attributes);
 
 #ifdef __cplusplus
 }
