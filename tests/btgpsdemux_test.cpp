@@ -163,7 +163,7 @@ TEST_F(BtgpsdemuxTest, TheServiceMayComeLater) {
     ASSERT_EQ(open_status(service.name()), 0);
     EXPECT_GE(port.fd, 0);
     EXPECT_EQ(events.taken(), "");
-    auto text = async_read([this] { return read_some(); });
+    AsyncRead text([this] { return read_some(); });
     kiv_sim_wait_calls(KIV_SIM_USLEEP, 3);
     service.start();
     const Peer peer = service.accept();
@@ -183,7 +183,7 @@ TEST_F(BtgpsdemuxTest, AFailedTransferIsMadeOnTheNextConnection) {
             SCOPED_TRACE(kiv_sim_call_name(call));
             ASSERT_EQ(error == 0 ? kiv_sim_answer(call, 1, 1, 0) : kiv_sim_fail(call, 1, 1, error), 0);
             ++other_faults;
-            auto text = async_read([&] {
+            AsyncRead text([&] {
                 return call == KIV_SIM_READ ? read_some() : "status " + std::to_string(send("again"));
             });
             Peer next = service.accept();
@@ -204,7 +204,7 @@ TEST_F(BtgpsdemuxTest, ARefusedConnectionIsTriedAgain) {
     peer.close();
     ASSERT_EQ(kiv_sim_fail(KIV_SIM_CONNECT, 1, 5, ECONNREFUSED), 0);
     other_faults = 5;
-    auto text = async_read([this] { return read_some(); });
+    AsyncRead text([this] { return read_some(); });
     peer = service.accept();
     EXPECT_TRUE(peer.send("back"));
     EXPECT_EQ(text.get(), "back");
@@ -274,10 +274,10 @@ TEST_F(BtgpsdemuxTest, ALossSeenByBothMakesTwoConnections) {
         ++other_faults;
         gate.wait_reached();
         const unsigned reads = kiv_sim_calls(KIV_SIM_READ);
-        auto text = async_read([this] { return read_some(); });
+        AsyncRead text([this] { return read_some(); });
         first.close();
         const Peer second = service.accept();
-        kiv_sim_wait_calls(KIV_SIM_READ, reads + 2); // the reader is blocked on the second connection
+        text.wait_blocked(reads + 2); // on the second connection
         EXPECT_EQ(events.taken(), "DC");
         gate.open();
         const Peer third = service.accept();

@@ -139,7 +139,7 @@ TEST_F(UnixTest, TheServiceMayComeLater) {
     EXPECT_EQ(send(std::string(100, 'l')), 0);
     EXPECT_EQ(fd(), -1);
     EXPECT_EQ(send("lost"), 0);
-    auto text = async_read([this] { return read_some(); });
+    AsyncRead text([this] { return read_some(); });
     kiv_sim_wait_calls(KIV_SIM_USLEEP, 3);
     service.start();
     const Peer peer = service.accept();
@@ -166,7 +166,7 @@ TEST_F(UnixTest, AFailedTransferEndsItsConnection) {
             error == 0 ? kiv_sim_answer(KIV_SIM_READ, 1, 1, 0) : kiv_sim_fail(KIV_SIM_READ, 1, 1, error);
         ASSERT_EQ(fail, 0);
         ++other_faults;
-        auto text = async_read([this] { return read_some(); });
+        AsyncRead text([this] { return read_some(); });
         Peer next = service.accept();
         EXPECT_EQ(peer.receive(1), "") << "the old connection is still open";
         EXPECT_TRUE(next.send("next"));
@@ -200,7 +200,7 @@ TEST_F(UnixTest, AReconnectionThatFailsIsTriedAgain) {
         skip_pauses();
         ASSERT_EQ(kiv_sim_fail(call, 1, 3, EMFILE), 0);
         other_faults += 3;
-        auto text = async_read([this] { return read_some(); });
+        AsyncRead text([this] { return read_some(); });
         peer = service.accept();
         EXPECT_TRUE(peer.send("back"));
         EXPECT_EQ(text.get(), "back");
@@ -277,7 +277,7 @@ TEST_F(UnixTest, ALateReaderSparesTheNextConnection) {
     Peer peer = connect();
     const int number = fd();
     LockGate gate;
-    auto text = async_read([&] {
+    AsyncRead text([&] {
         gate.stop_me_at(1);
         return read_some();
     });
@@ -306,9 +306,9 @@ TEST_F(UnixTest, ALateWriterSparesTheNextConnection) {
     });
     gate.wait_reached();
     const unsigned reads = kiv_sim_calls(KIV_SIM_READ);
-    auto text = async_read([this] { return read_some(); });
+    AsyncRead text([this] { return read_some(); });
     peer = service.accept();
-    kiv_sim_wait_calls(KIV_SIM_READ, reads + 2); // the second is on the new connection
+    text.wait_blocked(reads + 2); // on the new connection
     ASSERT_EQ(fd(), number);
     gate.open();
     EXPECT_EQ(status.get(), 0);
@@ -321,8 +321,8 @@ TEST_F(UnixTest, ALateWriterSparesTheNextConnection) {
 TEST_F(UnixTest, ABlockedReaderFollowsTheWriter) {
     Peer peer = connect();
     const unsigned reads = kiv_sim_calls(KIV_SIM_READ);
-    auto text = async_read([this] { return read_some(); });
-    kiv_sim_wait_calls(KIV_SIM_READ, reads + 1);
+    AsyncRead text([this] { return read_some(); });
+    text.wait_blocked(reads + 1);
     ASSERT_EQ(kiv_sim_fail(KIV_SIM_SEND, 1, 1, EPIPE), 0);
     other_faults = 1;
     EXPECT_EQ(send("lost"), 0);
