@@ -6,7 +6,7 @@
 #include <mutex>
 #include <string>
 
-#include "fixtures/unix_service.h"
+#include "fixtures/reconnecting.h"
 #include "kiv/transports.h"
 
 using namespace kiv::test;

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "fixtures/unix_service.h"
+#include "fixtures/reconnecting.h"
 #include "kiv/transports.h"
 
 using namespace kiv::test;
