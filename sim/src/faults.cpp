@@ -48,7 +48,8 @@ bool transfers_bytes(kiv_sim_call call) {
 }
 
 bool makes_sense(const kiv_sim_fault &fault) {
-    if (!exists(fault.call) || fault.nth == 0 || (fault.request != 0 && fault.call != KIV_SIM_IOCTL))
+    const bool has_request = fault.call == KIV_SIM_IOCTL || fault.call == KIV_SIM_USLEEP;
+    if (!exists(fault.call) || fault.nth == 0 || (fault.request != 0 && !has_request))
         return false;
     switch (fault.action) {
     case KIV_SIM_FAIL:

@@ -512,7 +512,8 @@ KIV_SIM_LIBC int pselect(int count, fd_set *readable, fd_set *writable, fd_set *
 }
 
 KIV_SIM_LIBC int usleep(useconds_t microseconds) {
-    return plain(KIV_SIM_USLEEP, real().usleep, microseconds);
+    const fault due(KIV_SIM_USLEEP, microseconds);
+    return due.answers() ? static_cast<int>(due.finish()) : real().usleep(microseconds);
 }
 
 KIV_SIM_LIBC int nanosleep(const timespec *wanted, timespec *left) {

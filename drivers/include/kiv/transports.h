@@ -94,6 +94,53 @@ KIV_API int pos_open_tcp_client(UART_infos *port, const char *device_name, unsig
  * second time. Returns 0. */
 KIV_API int pos_close_tcp_client(UART_infos *port);
 
+/* Unix socket client: "unix:" and the path of a stream socket, or "unix:@" and a name of the abstract
+ * namespace. 108 characters count; what is longer is cut. An abstract name is padded with zero bytes to the
+ * full length of an address (110 bytes), and the service must have bound it like that. What sup_uart_Init2
+ * calls for such names.
+ *
+ * The service need not be there. While it is not, reads wait and try to connect every half second, and
+ * writes try once, then drop their data and report success; nothing is logged. A read that a signal
+ * interrupts makes a new connection, too: install handlers with SA_RESTART if the service minds. All Unix
+ * ports share one lock for connecting, so a service that leaves a connection attempt hanging holds up the
+ * reconnections of the others. The callbacks of the record are not called.
+ *
+ * options  not used
+ *
+ * Returns 0; 22 for a null record, a null name or one without the prefix; 12 when there is no memory; or the
+ * errno of the step that failed, with nothing left open. */
+KIV_API int pos_open_unix(UART_infos *port, const char *device_name, unsigned int options);
+
+/* Client of a Bluetooth GPS demultiplexer, a service that listens on a Unix stream socket. sup_uart_Init2
+ * does not reach it:
+ *
+ *     UART_infos gps;
+ *     sup_uart_Prepare(&gps, &callbacks);
+ *     int status = sup_uart_Opened(&gps, pos_btgpsdemux_open(&gps, "@gps"));
+ *
+ * socket_path  a path, or "@" and an abstract name, cut and padded as for pos_open_unix; must outlast the
+ *              call only
+ *
+ * The record must be prepared: a failed opening closes whatever descriptor it finds in fd. The service need
+ * not be there. A read or a write that finds it gone tries to connect every half second for as long as it
+ * takes, and then goes on: no data is dropped knowingly, and a port without its service blocks. When a
+ * reader and a writer both see the loss, each makes a new connection, one after the other, and the later one
+ * stays.
+ *
+ * Callbacks: connected after every connection that was made, in the opening (before it returns) as well as
+ * later; disconnected at the beginning of every reconnection, but not before the first connection. The two
+ * take turns, except that disconnected comes again when a reconnection could not make a socket. They run in
+ * the thread that reads or writes, with the port's lock held, and must not read, write or close that port.
+ *
+ * A write to a service that has gone raises SIGPIPE: ignore the signal (signal(SIGPIPE, SIG_IGN)) if that is
+ * not to end the program.
+ *
+ * Returns 0, also while the service is away; -22 (not 22) for a null record or path; 12 when there is no
+ * memory; or the errno of the socket that could not be made. After a failure nothing is left to close. From
+ * reads and writes the errno of a socket that could not be made reaches the caller, and nothing else; the
+ * next call tries again. */
+KIV_API int pos_btgpsdemux_open(UART_infos *port, const char *socket_path);
+
 KIV_END_C
 
 #endif

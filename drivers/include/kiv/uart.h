@@ -9,6 +9,8 @@
  *   tcp:5000        a TCP server on port 5000 of every local IPv4 address, one client at a time. Anybody
  *                   who reaches the machine can connect: there is no password
  *   tcpout:...      refused here with 19 (ENODEV); see pos_open_tcp_client in transports.h
+ *   unix:/run/gps   a client of the service that listens on that Unix socket; unix:@gps for a name in the
+ *                   abstract namespace. It connects again by itself; see pos_open_unix in transports.h
  *   anything else   the path of a tty device
  *
  * The same calls then read, write and close the port; the line settings act on ttys and do nothing, with
@@ -49,7 +51,8 @@ typedef struct UART_infos UART_infos;
 typedef struct kiv_linux_sfd kiv_linux_sfd_t;
 
 /* Called with the record and the context below when a port has been opened or has regained its peer
- * (connected), or has lost it (disconnected; not on ttys and TCP ports). A null function is not called. */
+ * (connected), or has lost it (disconnected). Ports on TCP and Unix sockets call neither. A null function is
+ * not called. */
 typedef struct UART_status_cb {
     void (*connected)(UART_infos *port, void *context);
     void (*disconnected)(UART_infos *port, void *context);
@@ -67,7 +70,7 @@ typedef struct UART_status_cb {
  * the rest alone. */
 struct UART_infos {
     uint32_t magic;
-    int32_t fd; /* negative while there is no descriptor or no peer; may change between calls on TCP ports */
+    int32_t fd; /* negative while there is no descriptor or no peer; may change between calls on streams */
     kiv_linux_sfd_t *kiv_linux_sfd; /* ttys only */
     uint32_t flags;
     int (*read)(UART_infos *port, void *buffer, unsigned int length);
@@ -188,7 +191,7 @@ KIV_API int sup_uart_Read_partial_timeout(UART_infos *port, void *buffer, unsign
 KIV_API int sup_uart_Read(UART_infos *port, void *buffer, unsigned int *length);
 
 /* Writes length bytes, all of them; blocks until they are in the device's queue (not until they are sent).
- * TCP ports drop the data and report success while nobody is connected.
+ * TCP and Unix ports drop the data and report success while nobody is connected.
  *
  * Returns 0; 22 for a null record; 5 when the stream takes no more, or length is 0; or the errno of the
  * write. How much of the data went out before a failure is not told. */
@@ -197,7 +200,7 @@ KIV_API int sup_uart_Send(UART_infos *port, const void *buffer, unsigned int len
 /* Writes the pieces of iov in order.
  *
  * iov, iovcnt  the pieces; none when iovcnt is 0 or negative. A piece of 0 bytes is an error (5) on ports
- *              that send piece by piece: ttys, TCP
+ *              that send piece by piece: ttys, TCP, Unix sockets, the GPS demultiplexer
  * sent         out: how many bytes went out, the piece that failed counted whole; must not be null
  *
  * Returns as sup_uart_Send does. */

@@ -179,6 +179,8 @@ int sup_uart_Init2(UART_infos *port, const char *device_name, unsigned int speed
             sup_log_msg_nocolor_raw(kiv::pos_category_name, 1, "tcpout support is not enabled\n");
         return ENODEV;
     }
+    if (has_prefix(device_name, "unix:"))
+        return sup_uart_Opened(port, pos_open_unix(port, device_name, options));
 
     port->kiv_linux_sfd = kiv_linux_sopen(device_name, O_RDWR | O_NOCTTY);
     if (port->kiv_linux_sfd == nullptr) [[unlikely]]

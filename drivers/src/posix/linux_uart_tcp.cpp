@@ -13,15 +13,14 @@
 
 #define KIV_MODULE "drivers/src/posix/linux_uart_tcp"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "common/attempt.h"
 #include "common/fd.h"
 #include "common/hints.h"
 #include "common/lock.h"
@@ -33,6 +32,9 @@
 #include "kiv/transports.h"
 
 using kiv::mutex_hold;
+using kiv::not_tried;
+using kiv::read_once;
+using kiv::send_once;
 using kiv::trace_errno;
 
 namespace {
@@ -162,12 +164,6 @@ KIV_HOT uint32_t locked_count(const UART_infos &port) {
     return count;
 }
 
-// One attempt: the bytes read, or a result that is not positive.
-KIV_HOT ssize_t read_once(const UART_infos &port, void *buffer, unsigned int length) {
-    const int fd = kiv::current_fd(port);
-    return fd >= 0 ? ::read(fd, buffer, length) : -1;
-}
-
 // Goes on with a read that found no connection or failed on the one that it found.
 KIV_COLD int read_again(UART_infos *port, void *buffer, unsigned int length, uint32_t connection,
                         const char *function) {
@@ -199,15 +195,8 @@ int pos_read_tcp_client(UART_infos *port, void *buffer, unsigned int length) {
     return read_stream(port, buffer, length, __func__);
 }
 
-constexpr ssize_t not_tried = -2;
-
-KIV_HOT ssize_t send_once(const UART_infos &port, const void *buffer, unsigned int length) {
-    const int fd = kiv::current_fd(port);
-    return fd >= 0 ? ::send(fd, buffer, length, MSG_NOSIGNAL) : not_tried;
-}
-
 // Goes on with a write that failed, or that found nobody: that one tries once more, on a peer that is there
-// at once. Data that nobody takes is dropped and counts as sent.
+// at once.
 KIV_COLD int write_again(UART_infos *port, const void *buffer, unsigned int length, uint32_t connection,
                          ssize_t count) {
     if (count == not_tried) {
@@ -219,7 +208,7 @@ KIV_COLD int write_again(UART_infos *port, const void *buffer, unsigned int leng
     }
     if (count != not_tried)
         lose(*port, connection);
-    return static_cast<int>(std::min<unsigned int>(length, INT_MAX));
+    return kiv::dropped(length);
 }
 
 // Both kinds of port.

@@ -123,7 +123,8 @@ typedef struct kiv_sim_fault {
     long result;
     size_t length;
     short revents[KIV_SIM_MAX_REVENTS];
-    unsigned long request; /* KIV_SIM_IOCTL: only this request number; 0 means any */
+    unsigned long request; /* KIV_SIM_IOCTL: only this request number; KIV_SIM_USLEEP: only pauses of exactly
+                              so many microseconds; 0 means any */
     int this_thread;       /* nonzero: only calls of the thread that arms the fault */
 } kiv_sim_fault;
 

@@ -1,0 +1,49 @@
+// Connections to the services of this machine: stream sockets of the Unix domain.
+
+#ifndef KIV_COMMON_UNIX_SOCKET_H
+#define KIV_COMMON_UNIX_SOCKET_H
+
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "common/hints.h"
+#include "common/slots.h"
+
+namespace kiv {
+
+// An address is always given to the kernel whole. An abstract name is as long as the address says, so the
+// service must have bound all of it too, trailing zeros included.
+static_assert(sizeof(sockaddr_un) == 2 + 108 && AF_UNIX == 1 && SOCK_STREAM == 1);
+
+// A path, or "@" and a name of the abstract namespace; cut to what an address holds. The kernel needs no
+// zero behind a path of full length.
+[[gnu::noinline]] inline void name_socket(sockaddr_un &address, const char *name) noexcept {
+    address.sun_family = AF_UNIX;
+    ::memccpy(address.sun_path, name, '\0', sizeof address.sun_path);
+    if (address.sun_path[0] == '@')
+        address.sun_path[0] = '\0';
+}
+
+inline int unix_socket() noexcept {
+    return ::socket(AF_UNIX, SOCK_STREAM, 0);
+}
+
+inline int connect_unix(int fd, const sockaddr_un &address) noexcept {
+    return ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+}
+
+// Ends the port's connection, with the transport's mutex held. The record loses the number first, so that
+// hardly anybody takes it up on its way out; the shutdown brings back whoever is blocked on the socket, which
+// closing alone does not, and tells the peer even then.
+KIV_COLD inline void end_connection(UART_infos &port) noexcept {
+    const int fd = port.fd;
+    set_current_fd(port, -1);
+    ::shutdown(fd, SHUT_RDWR);
+    ::close(fd);
+}
+
+} // namespace kiv
+
+#endif
