@@ -81,10 +81,19 @@ int sup_thread_delete(sup_thread_t handle) {
     return ::pthread_join(thread->id, nullptr);
 }
 
+// Until a point in time, and not for what is left after each signal: the kernel rounds that up, so that
+// signals in quick succession would keep the thread asleep for ever.
 int sup_thread_delay(unsigned int milliseconds, int) {
-    timespec left = {.tv_sec = static_cast<time_t>(milliseconds / 1000),
-                     .tv_nsec = static_cast<long>(milliseconds % 1000) * 1000000L};
-    while (::nanosleep(&left, &left) == -1 && errno == EINTR) {
+    constexpr long second_ns = 1000000000L;
+    timespec end{};
+    ::clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += static_cast<time_t>(milliseconds / 1000);
+    end.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000L;
+    if (end.tv_nsec >= second_ns) {
+        end.tv_nsec -= second_ns;
+        ++end.tv_sec;
+    }
+    while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
     }
     return 0;
 }
