@@ -3,8 +3,8 @@
 
 heading 'Serial ports: a tty and a TCP port, with real clients'
 say 'A client (socat, a process of its own) sends a file of 8 MB to each port. The library receives it in pieces
-of up to 4096 bytes and sends it back; all copies must be equal. The time is the library's program's: from the
-first byte to the last, or until the system has taken the last one.
+of up to 4096 bytes and sends it back; all copies must be equal. The time counts from the first byte to the last,
+or until the system has taken the last one.
 '
 
 SIZE=8388608
