@@ -3,6 +3,7 @@
 import argparse
 import os
 import re
+import shlex
 import subprocess
 import sys
 import tempfile
@@ -42,7 +43,7 @@ def declared_names(args):
     """What the public headers declare as exported, as the C compiler sees it."""
     headers = sorted((Path(args.include) / "kiv").glob("*.h"))
     source = "".join(f'#include "kiv/{header.name}"\n' for header in headers)
-    text = run(*args.cc.split(";"), "-std=c99", "-E", "-P", "-I", args.include, "-x", "c", "-", stdin=source)
+    text = run(*shlex.split(args.cc), "-std=c99", "-E", "-P", "-I", args.include, "-x", "c", "-", stdin=source)
     declarations = re.findall(r'visibility\("default"\)\)\)([^;(]*)[;(]', text)
     return {re.findall(r"\w+", declaration)[-1] for declaration in declarations}
 
@@ -117,7 +118,7 @@ def main():
     parser.add_argument("library")
     parser.add_argument("--readelf", default="readelf")
     parser.add_argument("--strip", default="strip")
-    parser.add_argument("--cc", default="cc", help="the C compiler and its options, separated by ;")
+    parser.add_argument("--cc", default="cc", help="the C compiler and its options")
     parser.add_argument("--map")
     parser.add_argument("--include")
     parser.add_argument("--limit", type=int, help="bytes of the stripped file")
