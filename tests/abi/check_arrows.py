@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Reads every #include of the tree and complains of those that go against the direction of the house:
-check_arrows.py ROOT. What the C++ run time is concerned, the linkage check watches the result."""
+check_arrows.py ROOT. As for the C++ run time, the linkage check watches the result."""
 import re
+import shutil
 import subprocess
 import sys
 from pathlib import Path
@@ -30,8 +31,10 @@ SOURCES = (".h", ".c", ".cpp", ".cc")
 
 def tree(root):
     """Every source file: those that git knows or would add, or all where there is no git."""
-    listed = subprocess.run(["git", "-C", root, "ls-files", "-co", "--exclude-standard"],
-                            capture_output=True, text=True, check=False).stdout.splitlines()
+    listed = []
+    if shutil.which("git"):
+        listed = subprocess.run(["git", "-C", root, "ls-files", "-co", "--exclude-standard"],
+                                capture_output=True, text=True, check=False).stdout.splitlines()
     files = listed or [str(path.relative_to(root)) for path in Path(root).rglob("*")]
     return {file for file in files
             if file.endswith(SOURCES) and not file.startswith("build/") and Path(root, file).is_file()}

@@ -23,7 +23,7 @@ by_pkg_config() { # by_pkg_config FOLDER [OPTION]...: the library's folder, what
 }
 
 by_find_package() { # by_find_package PREFIX
-    cmake -S "$here/consumer" -B "$work/build" -DCMAKE_PREFIX_PATH="$1" -DCMAKE_C_COMPILER="${CC:-cc}"
+    cmake -G Ninja -S "$here/consumer" -B "$work/build" -DCMAKE_PREFIX_PATH="$1" -DCMAKE_C_COMPILER="${CC:-cc}"
     cmake --build "$work/build"
     "$work/build/consumer"
 }
@@ -49,7 +49,7 @@ external)
         "$libraries/pkgconfig/kiv-core.pc" >"$work/core/lib/pkgconfig/kiv-core.pc"
     export PKG_CONFIG_PATH="$work/core/lib/pkgconfig"
 
-    cmake -S "$here/../.." -B "$work/library" -DKIV_CORE=external -DKIV_SIM=OFF -DKIV_EXAMPLES=OFF \
+    cmake -G Ninja -S "$here/../.." -B "$work/library" -DKIV_CORE=external -DKIV_SIM=OFF -DKIV_EXAMPLES=OFF \
         -DBUILD_TESTING=OFF -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER="${CC:-cc}" \
         -DCMAKE_CXX_COMPILER="${CXX:-c++}" -DCMAKE_INSTALL_PREFIX="$work/installed"
     cmake --build "$work/library"
