@@ -11,11 +11,9 @@
 
 namespace kiv::sim {
 
-// NOLINTBEGIN(bugprone-dynamic-static-initializers): they are constinit
 extern constinit std::atomic<std::uint32_t> armed_faults;
 extern constinit std::atomic<std::uint32_t> call_counts[KIV_SIM_CALL_KINDS];
 extern constinit std::atomic<std::uint32_t> count_watchers;
-// NOLINTEND(bugprone-dynamic-static-initializers)
 
 void wake_watchers(kiv_sim_call call);
 bool find_due(kiv_sim_call call, unsigned long request, kiv_sim_fault &due);

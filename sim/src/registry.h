@@ -17,7 +17,6 @@ struct open_file {
 };
 
 inline constexpr int descriptor_limit = 65536;
-// NOLINTNEXTLINE(bugprone-dynamic-static-initializers): it is constinit
 extern constinit std::atomic<open_file *> descriptor_table[descriptor_limit];
 
 inline bool is_simulated(int fd) {

@@ -56,6 +56,7 @@ namespace report {
 } // namespace report
 
 // A module's entries to them.
+// NOLINTBEGIN(misc-definitions-in-headers): each module gets its own, with its own path
 namespace {
 namespace here {
 [[maybe_unused, gnu::cold, gnu::noinline]] int trace_errno(const char *text, const char *function, int line) {
@@ -73,6 +74,7 @@ namespace here {
     return report::warn(status, function, line, KIV_MODULE);
 }
 } // namespace here
+// NOLINTEND(misc-definitions-in-headers)
 
 // Traces a call that has just failed with errno. Returns that errno, which is also what errno is afterwards.
 [[maybe_unused, gnu::always_inline]] inline int trace_errno(site at) noexcept {
