@@ -8,13 +8,15 @@
 
 namespace kiv::sim {
 
+extern const device gpio_device;
 extern const device hci_device;
+extern const device sysfs_pins_device;
 extern const device tty_device;
 extern const device tun_device;
 
 namespace {
 
-constexpr const device *devices[] = {&hci_device, &tty_device, &tun_device};
+constexpr const device *devices[] = {&gpio_device, &hci_device, &sysfs_pins_device, &tty_device, &tun_device};
 
 template <class Matches>
 const device *find(Matches matches) {
