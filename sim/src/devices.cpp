@@ -10,15 +10,17 @@ namespace kiv::sim {
 
 extern const device cpuinfo_device;
 extern const device fat_device;
+extern const device gpio_device;
 extern const device hci_device;
 extern const device i2c_device;
+extern const device sysfs_pins_device;
 extern const device tty_device;
 extern const device tun_device;
 
 namespace {
 
-constexpr const device *devices[] = {&cpuinfo_device, &fat_device, &hci_device,
-                                     &i2c_device,     &tty_device, &tun_device};
+constexpr const device *devices[] = {&cpuinfo_device, &fat_device,        &gpio_device, &hci_device,
+                                     &i2c_device,     &sysfs_pins_device, &tty_device,  &tun_device};
 
 template <class Matches>
 const device *find(Matches matches) {

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-namespace kiv::report {
+namespace kiv {
 namespace {
 
 // The C library has strerror_r in two shapes; the result tells which one this is. One overload is idle.
@@ -17,17 +17,28 @@ namespace {
     return text;
 }
 
+} // namespace
+
+error_text::error_text(int error) noexcept {
+    const int before = errno;
+    buffer_[0] = '\0';
+    text_ = text_of(::strerror_r(error, buffer_, sizeof buffer_), buffer_);
+    errno = before;
+}
+
+namespace report {
+namespace {
+
 // Writes one trace line. When the message is written, errno is as it was on entry.
 void write_trace(const char *text, const char *function, int line, const char *path, int error) noexcept {
     const int before = errno;
-    char format[384];
+    char format[format_size];
     ::snprintf(format, sizeof format, "%s:%%d in %%s, %s : %%s\n", path, text);
-    char buffer[96] = "";
-    const char *error_text = text_of(::strerror_r(error, buffer, sizeof buffer), buffer);
     errno = before;
+    const error_text reason(error);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    sup_log_msg_nocolor_raw(pos_category_name, 1, format, line, function, error_text);
+    sup_log_msg_nocolor_raw(pos_category_name, 1, format, line, function, reason.get());
 #pragma GCC diagnostic pop
 }
 
@@ -65,4 +76,5 @@ int warn(int status, const char *function, int line, const char *path) noexcept 
     return status;
 }
 
-} // namespace kiv::report
+} // namespace report
+} // namespace kiv

@@ -29,8 +29,12 @@ struct site {
 // The texts become part of a format: a percent sign in one does not compile, for the call of this.
 void a_statement_text_holds_a_percent_sign();
 
+// Room for the format of a trace: path, text, and what stands around them.
+constexpr size_t format_size = 384;
+
 template <size_t Size>
 consteval const char *plain(const char (&text)[Size]) {
+    static_assert(Size + sizeof KIV_MODULE ":%d in %s,  : %s\n" <= format_size, "a trace would be cut");
     for (const char c : text)
         if (c == '%')
             a_statement_text_holds_a_percent_sign();
@@ -108,6 +112,17 @@ namespace here {
         here::assert_failed(at.text, at.function, at.line);
 }
 } // namespace
+
+// The text of an error number, for a message that is not a trace. errno stays as it is.
+class error_text {
+  public:
+    explicit error_text(int error) noexcept;
+    [[nodiscard]] const char *get() const noexcept { return text_; }
+
+  private:
+    char buffer_[96];
+    const char *text_; // the buffer, or the C library's own
+};
 
 // Categories: their registered names, and whether a message of this level is wanted now.
 extern const char pos_category_name[];

@@ -14,6 +14,7 @@
  *   I2C bus               the chips on /dev/i2c-0
  *   Processor             what /proc/cpuinfo says
  *   FAT attributes        files that are on a FAT file system as far as programs can tell
+ *   GPIO pins             what is around the pins of /dev/gpio and /sys/class/gpio
  *
  * Threads: every function may be called from any thread, at the same time as the simulated system calls.
  *
@@ -482,6 +483,84 @@ enum { KIV_SIM_FAT_FILES = 16 };
 /* ENOSPC when KIV_SIM_FAT_FILES are named; ENAMETOOLONG for a path of 256 characters or more. A path that is
  * named again gets the new attributes. */
 KIV_SIM_API int kiv_sim_fat_set(const char *path, uint32_t attributes);
+/* GPIO pins ----------------------------------------------------------------------------------------- */
+
+/*
+ * The chip behind /dev/gpio has 64 pins, all inputs at first. Requests have type 'p' and a record of two
+ * signed 32-bit words, pin and argument:
+ *
+ *   0  _IOW   direction: 0 input, 1 output driven low, 2 output driven high; any other EINVAL. EIO for an
+ *             output while the pin's interrupt is open
+ *   1  _IOWR  fills in the level
+ *   2  _IOW   drives an output; EPERM for an input
+ *   3  _IOW   opens the pin's interrupt on this open file, for the edges of KIV_SIM_EDGE_; any other number
+ *             EINVAL. EBUSY when it is open already, EIO for an output
+ *   4  _IOW   closes the pin's interrupt; EINVAL when it is not open here. Closing the file does it too
+ *   5  _IOW   waits for an edge; EINVAL when the interrupt is not open here, EINTR when a signal came, EAGAIN
+ *             with O_NONBLOCK. Edges since the last wait are one interrupt, and end the wait at once
+ *
+ * A pin out of range gives EINVAL, one that is claimed EBUSY, any other request ENOTTY; read and write give
+ * EINVAL. poll reports POLLIN while an interrupt of the file waits to be fetched. After a reset the file's
+ * requests, also those that wait, give ENODEV, and poll gives POLLERR | POLLHUP.
+ *
+ * /sys/class/gpio is the board's too. It holds the directories that kiv_sim_sysfs_export made, each with the
+ * files "value" and, if wanted, "direction" of one of these pins. They answer as the kernel's do: texts are
+ * taken with a line end, a zero byte or neither, anything else gives EINVAL; writing the value of an input
+ * gives EPERM, the files of a claimed pin EBUSY; the first read gives the text and a line end, the next one
+ * nothing.
+ *
+ * Without a test around the pins, from the environment of the program, read when it first opens one of the
+ * two: KIV_SIM_WIRES="3=4 10=11" wires pins, KIV_SIM_SYSFS="gpio4=4 led=7" makes directories.
+ *
+ * Every function returns EINVAL for a pin that does not exist.
+ */
+enum { KIV_SIM_PINS = 64 };
+enum { KIV_SIM_EDGE_RISING = 1, KIV_SIM_EDGE_FALLING = 2, KIV_SIM_EDGE_BOTH = 3 };
+
+typedef struct kiv_sim_pin_state {
+    int is_output;
+    int level;        /* 0 or 1 */
+    int irq_mode;     /* of the open interrupt, or 0 */
+    int irq_pending;  /* it has occurred and was not fetched */
+    unsigned waiting; /* requests that wait for it at this moment */
+} kiv_sim_pin_state;
+
+/* Takes a snapshot. */
+KIV_SIM_API int kiv_sim_pin_inspect(unsigned pin, kiv_sim_pin_state *state);
+
+/* Waits until done(state, context) returns nonzero. It is called whenever a pin has changed, with the chip
+ * locked: it must not call the board. */
+KIV_SIM_API int kiv_sim_pin_wait(unsigned pin, int (*done)(const kiv_sim_pin_state *state, void *context),
+                                 void *context);
+
+/* Connects two pins, and all that are connected to them; takes a pin away from those. Connected pins have
+ * one level: that of the outputs among them (low where they disagree), else what the outside drives (high
+ * where it disagrees), else low. */
+KIV_SIM_API int kiv_sim_pin_wire(unsigned pin, unsigned other);
+KIV_SIM_API int kiv_sim_pin_unwire(unsigned pin);
+
+/* The outside drives a pin high (positive) or low (0), or lets go of it (negative). Outputs are stronger. */
+KIV_SIM_API int kiv_sim_pin_drive(unsigned pin, int level);
+
+/* Somebody else, a driver in the kernel say, has the pin (nonzero) or gives it back. */
+KIV_SIM_API int kiv_sim_pin_claim(unsigned pin, int claimed);
+
+/* What request 1 fills in for a high level; 1 at first. */
+KIV_SIM_API void kiv_sim_gpio_set_high(int value);
+
+/* Makes or removes /sys/class/gpio/NAME for a pin. The name has 1 to 39 characters and no '/'. EINVAL for one
+ * that has not, EEXIST for one that is there already, ENOSPC with 16 there. A file of a directory that was
+ * removed gives ENODEV. */
+KIV_SIM_API int kiv_sim_sysfs_export(const char *name, unsigned pin, int has_direction);
+KIV_SIM_API int kiv_sim_sysfs_unexport(const char *name);
+
+/* From now on "value" in /sys/class/gpio/NAME reads as this text, of at most 15 characters, and not as the
+ * pin's level; null ends it. EINVAL when there is no such directory. */
+KIV_SIM_API int kiv_sim_sysfs_show(const char *name, const char *text);
+
+/* Copies the last write, of at most 16 bytes, to a file of /sys/class/gpio/NAME, accepted or not. Returns its
+ * length; 0 when there was none. Of one that `size` has no room for, the beginning. */
+KIV_SIM_API size_t kiv_sim_sysfs_written(const char *name, void *buffer, size_t size);
 
 #ifdef __cplusplus
 }
