@@ -12,7 +12,7 @@
 
 #include "cases.h"
 
-static const struct bench_case *const areas[] = {serial_cases};
+static const struct bench_case *const areas[] = {serial_cases, unix_cases};
 enum { area_count = sizeof areas / sizeof areas[0] };
 
 void must(int holds, const char *what) {

@@ -189,3 +189,28 @@ int straight_stream_send(struct straight_stream *stream, const void *buffer, uns
     }
     return 0;
 }
+
+int straight_socket_read(int fd, void *buffer, unsigned int *length) {
+    char *at = buffer;
+    unsigned int remaining = *length;
+    while (remaining > 0) {
+        ssize_t count = read(fd, at, remaining);
+        if (count <= 0)
+            return count == 0 ? EIO : errno;
+        at += count;
+        remaining -= (unsigned int)count;
+    }
+    return 0;
+}
+
+int straight_socket_send(int fd, const void *buffer, unsigned int length) {
+    const char *at = buffer;
+    while (length > 0) {
+        ssize_t count = send(fd, at, length, MSG_NOSIGNAL);
+        if (count <= 0)
+            return count == 0 ? EIO : errno;
+        at += count;
+        length -= (unsigned int)count;
+    }
+    return 0;
+}

@@ -208,10 +208,26 @@ int sup_uart_Init(UART_infos *port, const char *device_name, unsigned int speed,
 
 namespace {
 
+KIV_HOT int read_tty(const UART_infos &port, void *buffer, unsigned int length) {
+    return static_cast<int>(kiv::sread(*port.kiv_linux_sfd, buffer, length));
+}
+
+// In a frame of its own, or a transport's read would save the registers that only a tty's needs.
+[[gnu::noinline]] int read_tty_apart(const UART_infos &port, void *buffer, unsigned int length) {
+    return read_tty(port, buffer, length);
+}
+
 KIV_HOT int pos_read(UART_infos *port, void *buffer, unsigned int length) {
     if (port->read != nullptr)
         return port->read(port, buffer, length);
-    return static_cast<int>(kiv::sread(*port->kiv_linux_sfd, buffer, length));
+    return read_tty_apart(*port, buffer, length);
+}
+
+// For an operation that needs the registers anyway.
+KIV_HOT int pos_read_in_place(UART_infos *port, void *buffer, unsigned int length) {
+    if (port->read != nullptr)
+        return port->read(port, buffer, length);
+    return read_tty(*port, buffer, length);
 }
 
 KIV_HOT int pos_write(UART_infos *port, const void *buffer, unsigned int length) {
@@ -253,30 +269,44 @@ KIV_HOT bool is_all(int ret, unsigned int length) {
     return static_cast<unsigned int>(ret) == length;
 }
 
+// What only those need that go on: kept in memory over the first call, which costs less than registers.
+template <typename Bytes>
+struct request {
+    UART_infos *port;
+    Bytes *buffer;
+};
+
 // Goes on with a read whose first call gave ret.
-[[gnu::noinline]] int read_partial_again(UART_infos *port, void *buffer, unsigned int *length, int ret) {
+[[gnu::noinline]] int read_partial_again(const request<void> &whole, unsigned int *length, int ret) {
     while (ret <= 0) {
         const int status = stream_failure(
             ret, kiv::in("sup_uart_Read_partial", KIV_SITE("ret = pos_read(UART_infos, buffer, remaining)")));
         if (status != EINTR)
             return status;
-        ret = pos_read(port, buffer, *length);
+        ret = pos_read(whole.port, whole.buffer, *length);
     }
     *length = static_cast<unsigned int>(ret);
     return 0;
 }
 
+KIV_COLD int read_partial_not_open(UART_infos *port, void *buffer, unsigned int *length) {
+    const int status = refuse_reader(port, "sup_uart_Read_partial", __LINE__);
+    if (status != 0 || *length == 0)
+        return status;
+    return read_partial_again({port, buffer}, length, pos_read(port, buffer, *length));
+}
+
 } // namespace
 
 int sup_uart_Read_partial(UART_infos *port, void *buffer, unsigned int *length) {
-    const int refusal = check_reader(port, __func__, __LINE__);
-    if (refusal != 0) [[unlikely]]
-        return refusal;
+    if (!is_open(port)) [[unlikely]]
+        return read_partial_not_open(port, buffer, length);
     if (*length == 0) [[unlikely]]
         return 0;
+    const request<void> whole = {port, buffer};
     const int ret = pos_read(port, buffer, *length);
     if (ret <= 0) [[unlikely]]
-        return read_partial_again(port, buffer, length, ret);
+        return read_partial_again(whole, length, ret);
     *length = static_cast<unsigned int>(ret);
     return 0;
 }
@@ -284,8 +314,9 @@ int sup_uart_Read_partial(UART_infos *port, void *buffer, unsigned int *length) 
 namespace {
 
 // Goes on with a read whose first call gave ret.
-[[gnu::noinline]] int read_rest(UART_infos *port, void *buffer, unsigned int *length, int ret) {
-    auto *at = static_cast<char *>(buffer);
+[[gnu::noinline]] int read_rest(const request<void> &whole, unsigned int *length, int ret) {
+    UART_infos *port = whole.port;
+    auto *at = static_cast<char *>(whole.buffer);
     unsigned int remaining = *length;
     for (;;) {
         if (ret > 0) {
@@ -310,21 +341,26 @@ namespace {
 KIV_COLD int read_unusual(UART_infos *port, void *buffer, unsigned int *length) {
     if (*length == 0)
         return warn(EIO, "sup_uart_Read", __LINE__);
-    return read_rest(port, buffer, length, pos_read(port, buffer, *length));
+    return read_rest({port, buffer}, length, pos_read(port, buffer, *length));
+}
+
+KIV_COLD int read_not_open(UART_infos *port, void *buffer, unsigned int *length) {
+    const int status = refuse_reader(port, "sup_uart_Read", __LINE__);
+    return status == 0 ? read_unusual(port, buffer, length) : status;
 }
 
 } // namespace
 
 int sup_uart_Read(UART_infos *port, void *buffer, unsigned int *length) {
-    const int refusal = check_reader(port, __func__, __LINE__);
-    if (refusal != 0) [[unlikely]]
-        return refusal;
+    if (!is_open(port)) [[unlikely]]
+        return read_not_open(port, buffer, length);
     if (!is_usual(*length)) [[unlikely]]
         return read_unusual(port, buffer, length);
+    const request<void> whole = {port, buffer};
     const int ret = pos_read(port, buffer, *length);
     if (is_all(ret, *length)) [[likely]]
         return 0;
-    return read_rest(port, buffer, length, ret);
+    return read_rest(whole, length, ret);
 }
 
 namespace {
@@ -439,14 +475,14 @@ int sup_uart_Read_partial_timeout(UART_infos *port, void *buffer, unsigned int *
     if (wanted == 0) [[unlikely]]
         return 0;
     auto *at = static_cast<char *>(buffer);
-    int ret = pos_read(port, at, 1);
+    int ret = pos_read_in_place(port, at, 1);
     if (ret != 1 || !is_usual(wanted - 1)) [[unlikely]]
         return read_timed_rest({port, at, length, timeout_us, 0, fd}, timed_step::first_byte, ret);
     const int waited = current_fd(*port);
     ret = wait_for_piece(waited, timeout_us);
     if (ret <= 0) [[unlikely]]
         return read_timed_rest({port, at, length, timeout_us, 1, waited}, timed_step::wait, ret);
-    ret = pos_read(port, at + 1, wanted - 1);
+    ret = pos_read_in_place(port, at + 1, wanted - 1);
     if (is_all(ret, wanted - 1)) [[likely]]
         return 0;
     return read_timed_rest({port, at, length, timeout_us, 1, waited}, timed_step::piece, ret);
@@ -455,8 +491,9 @@ int sup_uart_Read_partial_timeout(UART_infos *port, void *buffer, unsigned int *
 namespace {
 
 // Goes on with a send whose first call gave ret.
-[[gnu::noinline]] int send_rest(UART_infos *port, const void *buffer, unsigned int length, int ret) {
-    const auto *at = static_cast<const char *>(buffer);
+[[gnu::noinline]] int send_rest(const request<const void> &whole, unsigned int length, int ret) {
+    UART_infos *port = whole.port;
+    const auto *at = static_cast<const char *>(whole.buffer);
     for (;;) {
         if (ret > 0) {
             at += ret;
@@ -478,24 +515,30 @@ namespace {
 KIV_COLD int send_unusual(UART_infos *port, const void *buffer, unsigned int length) {
     if (length == 0)
         return warn(EIO, "sup_uart_Send", __LINE__);
-    return send_rest(port, buffer, length, pos_write(port, buffer, length));
+    return send_rest({port, buffer}, length, pos_write(port, buffer, length));
 }
 
 // The send itself, on a record that has been checked.
 KIV_HOT int send_piece(UART_infos *port, const void *buffer, unsigned int length) {
     if (!is_usual(length)) [[unlikely]]
         return send_unusual(port, buffer, length);
+    const request<const void> whole = {port, buffer};
     const int ret = pos_write(port, buffer, length);
     if (is_all(ret, length)) [[likely]]
         return 0;
-    return send_rest(port, buffer, length, ret);
+    return send_rest(whole, length, ret);
+}
+
+KIV_COLD int send_not_open(UART_infos *port, const void *buffer, unsigned int length) {
+    const int status = refuse_record(port, "sup_uart_Send", __LINE__);
+    return status == 0 ? send_unusual(port, buffer, length) : status;
 }
 
 } // namespace
 
 int sup_uart_Send(UART_infos *port, const void *buffer, unsigned int length) {
-    if (check_record(port, __func__, __LINE__) != 0) [[unlikely]]
-        return EINVAL;
+    if (!is_open(port)) [[unlikely]]
+        return send_not_open(port, buffer, length);
     return send_piece(port, buffer, length);
 }
 

@@ -72,54 +72,66 @@ KIV_COLD void lose(UART_infos &port, uint32_t failed) {
 
 // 3. Data -----------------------------------------------------------------------------------------------
 
+// What a first attempt leaves to the one that goes on with it. It is kept in memory, since hardly any attempt
+// needs it afterwards: a call's arguments then stay where they are.
+template <typename Bytes>
+struct attempt {
+    UART_infos *port;
+    Bytes *buffer;
+    unsigned int length;
+    uint32_t connection;
+};
+
 // Goes on with a read that found no connection or failed on the one that it found: on a connection of its own
 // making, or on one that a writer has made meanwhile.
-KIV_COLD int read_again(UART_infos *port, void *buffer, unsigned int length, uint32_t connection,
-                        ssize_t count) {
+KIV_COLD int read_again(const attempt<void> &first, ssize_t count) {
+    UART_infos &port = *first.port;
+    uint32_t connection = first.connection;
     for (;;) {
         if (count != not_tried)
-            lose(*port, connection);
-        while (unix_reconnect(*port) != 0) {
+            lose(port, connection);
+        while (unix_reconnect(port) != 0) {
             ::usleep(UNIX_RETRY_DELAY_US);
-            if (current_fd(*port) >= 0)
+            if (current_fd(port) >= 0)
                 break;
         }
-        connection = kiv::connection_count(*port);
-        count = read_once(*port, buffer, length);
+        connection = kiv::connection_count(port);
+        count = read_once(port, first.buffer, first.length);
         if (count > 0)
             return static_cast<int>(count);
     }
 }
 
 int pos_read_unix(UART_infos *port, void *buffer, unsigned int length) {
-    const uint32_t connection = kiv::connection_count(*port);
+    const attempt<void> first = {port, buffer, length, kiv::connection_count(*port)};
     const ssize_t count = read_once(*port, buffer, length);
     if (count > 0) [[likely]]
         return static_cast<int>(count);
-    return read_again(port, buffer, length, connection, count);
+    return read_again(first, count);
 }
 
 // Goes on with a write that failed, or that found no connection: that one tries once more, on a new one.
-KIV_COLD int write_again(UART_infos *port, const void *buffer, unsigned int length, uint32_t connection,
-                         ssize_t count) {
+KIV_COLD int write_again(const attempt<const void> &first, ssize_t count) {
+    UART_infos &port = *first.port;
+    uint32_t connection = first.connection;
     if (count == not_tried) {
-        unix_reconnect(*port);
-        connection = kiv::connection_count(*port);
-        count = send_once(*port, buffer, length);
+        unix_reconnect(port);
+        connection = kiv::connection_count(port);
+        count = send_once(port, first.buffer, first.length);
         if (count > 0)
             return static_cast<int>(count);
     }
     if (count != not_tried)
-        lose(*port, connection);
-    return kiv::dropped(length);
+        lose(port, connection);
+    return kiv::dropped(first.length);
 }
 
 int pos_write_unix(UART_infos *port, const void *buffer, unsigned int length) {
-    const uint32_t connection = kiv::connection_count(*port);
+    const attempt<const void> first = {port, buffer, length, kiv::connection_count(*port)};
     const ssize_t count = send_once(*port, buffer, length);
     if (count > 0) [[likely]]
         return static_cast<int>(count);
-    return write_again(port, buffer, length, connection, count);
+    return write_again(first, count);
 }
 
 } // namespace
