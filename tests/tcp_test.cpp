@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <dlfcn.h>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -21,6 +22,7 @@ namespace {
 std::atomic<unsigned> delays;
 std::atomic<unsigned> odd_delays;   // with other arguments than a retry has
 std::function<void()> during_delay; // set before threads start
+std::function<void()> at_shutdown;  // likewise
 
 } // namespace
 
@@ -31,6 +33,13 @@ int sup_thread_delay(unsigned int delay, int options) {
     if (during_delay)
         during_delay();
     return 0;
+}
+
+int shutdown(int fd, int how) noexcept {
+    static const auto real = reinterpret_cast<decltype(&shutdown)>(::dlsym(RTLD_NEXT, "shutdown"));
+    if (at_shutdown)
+        at_shutdown();
+    return real(fd, how);
 }
 
 namespace kiv::test {
@@ -78,6 +87,7 @@ class TcpTest : public LoggedBoardTest {
         LoggedBoardTest::SetUp();
         delays = odd_delays = 0;
         during_delay = nullptr;
+        at_shutdown = nullptr;
     }
     void TearDown() override {
         EXPECT_EQ(odd_delays, 0U);
@@ -290,6 +300,8 @@ TEST_F(TcpTest, NextClientTakesTheLostOnesPlace) {
 
 TEST_F(TcpTest, FailedTransferEndsTheConnectionAndNothingElse) {
     open();
+    // Whoever looks at the record from then on does not take up a number that is about to be free.
+    at_shutdown = [&] { EXPECT_EQ(port_.fd, -1); };
     for (const int error : {EPIPE, ECONNRESET, EINTR, ENOBUFS, 0}) {
         const Peer peer = join_served();
         ASSERT_EQ(
