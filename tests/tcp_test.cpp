@@ -1,15 +1,16 @@
 // TCP ports: a server that serves one client after the other, and a client that connects again.
 //
-// Part of kiv-core is replaced here: a delay only counts, and a thread can be held where it takes the mutex.
+// kiv-core's delay is replaced here by one that only counts, its mutexes are watched.
 
 #include <atomic>
 #include <cerrno>
 #include <dlfcn.h>
 #include <functional>
-#include <semaphore>
+#include <memory>
 #include <thread>
 #include <vector>
 
+#include "fixtures/mutexes.h"
 #include "fixtures/resources.h"
 #include "fixtures/serial.h"
 #include "fixtures/tcp_peer.h"
@@ -19,11 +20,9 @@
 namespace {
 
 std::atomic<unsigned> delays;
-std::atomic<unsigned> odd_delays;           // with other arguments than a retry has
-std::function<void()> during_delay;         // set before threads start
-thread_local std::function<void()> at_lock; // of this thread, before it takes the mutex
-std::atomic<int> mutex_init_status;
-std::atomic<unsigned> mutexes_made;
+std::atomic<unsigned> odd_delays;   // with other arguments than a retry has
+std::function<void()> during_delay; // set before threads start
+std::function<void()> at_shutdown;  // likewise
 
 } // namespace
 
@@ -36,19 +35,11 @@ int sup_thread_delay(unsigned int delay, int options) {
     return 0;
 }
 
-int sup_mutex_lock(sup_mutex_t *mutex) {
-    static const auto real = reinterpret_cast<decltype(&sup_mutex_lock)>(::dlsym(RTLD_NEXT, __func__));
-    if (at_lock)
-        at_lock();
-    return real(mutex);
-}
-
-int sup_mutex_init(sup_mutex_t *mutex, int attributes) {
-    static const auto real = reinterpret_cast<decltype(&sup_mutex_init)>(::dlsym(RTLD_NEXT, __func__));
-    if (mutex_init_status != 0)
-        return mutex_init_status;
-    ++mutexes_made;
-    return real(mutex, attributes);
+int shutdown(int fd, int how) noexcept {
+    static const auto real = reinterpret_cast<decltype(&shutdown)>(::dlsym(RTLD_NEXT, "shutdown"));
+    if (at_shutdown)
+        at_shutdown();
+    return real(fd, how);
 }
 
 namespace kiv::test {
@@ -96,6 +87,7 @@ class TcpTest : public LoggedBoardTest {
         LoggedBoardTest::SetUp();
         delays = odd_delays = 0;
         during_delay = nullptr;
+        at_shutdown = nullptr;
     }
     void TearDown() override {
         EXPECT_EQ(odd_delays, 0U);
@@ -149,7 +141,7 @@ TEST_F(TcpTest, MutexThatCouldNotBeMadeIsTriedAgain) {
         open();
         close();
     }
-    EXPECT_EQ(mutexes_made, 1U);
+    EXPECT_EQ(mutexes_made, 1);
 }
 
 TEST_F(TcpTest, ServerTakesTheLow16BitsOfItsNumber) {
@@ -308,6 +300,8 @@ TEST_F(TcpTest, NextClientTakesTheLostOnesPlace) {
 
 TEST_F(TcpTest, FailedTransferEndsTheConnectionAndNothingElse) {
     open();
+    // Whoever looks at the record from then on does not take up a number that is about to be free.
+    at_shutdown = [&] { EXPECT_EQ(port_.fd, -1); };
     for (const int error : {EPIPE, ECONNRESET, EINTR, ENOBUFS, 0}) {
         const Peer peer = join_served();
         ASSERT_EQ(
@@ -381,8 +375,7 @@ TEST_F(TcpTest, LateFailureDoesNotEndTheNextConnection) {
         const Peer first = join_served();
         const int number = port_.fd;
         const Peer second = join(); // not served yet
-        std::binary_semaphore held(0);
-        std::binary_semaphore go_on(0);
+        LockGate gate;
         std::thread late([&] {
             kiv_sim_fault fault{};
             fault.call = late_is_reader ? KIV_SIM_READ : KIV_SIM_SEND;
@@ -391,20 +384,13 @@ TEST_F(TcpTest, LateFailureDoesNotEndTheNextConnection) {
             fault.error = ECONNRESET;
             fault.this_thread = 1;
             ASSERT_EQ(kiv_sim_arm(&fault), 0);
-            unsigned locks = 0;
-            at_lock = [&] {
-                if (++locks == 2) { // the first was to look at the connection
-                    held.release();
-                    go_on.acquire();
-                }
-            };
+            gate.stop_me_at(2); // the first is to look at the connection
             if (late_is_reader)
                 EXPECT_EQ(read_some(port_), "second");
             else
                 send(port_, "dropped");
-            at_lock = nullptr;
         });
-        held.acquire();
+        gate.wait_reached();
         ASSERT_EQ(kiv_sim_fail(KIV_SIM_SEND, 1, 1, EPIPE), 0);
         send(port_, "dropped");
         EXPECT_EQ(first.receive(1), "");
@@ -412,7 +398,7 @@ TEST_F(TcpTest, LateFailureDoesNotEndTheNextConnection) {
         EXPECT_EQ(second.receive(1), "+");
         EXPECT_EQ(port_.fd, number);
         EXPECT_TRUE(second.send("second"));
-        go_on.release();
+        gate.open();
         late.join();
         EXPECT_EQ(port_.fd, number);
         send(port_, "still there");

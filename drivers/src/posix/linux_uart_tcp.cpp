@@ -141,18 +141,19 @@ KIV_COLD void try_peer(UART_infos &port) {
         adopt(port, obtain(port, patience::once));
 }
 
-// Ends the connection on which a call has failed, unless that has been done already. Whoever is still blocked
-// on it is woken, and the peer learns of the end even if somebody is. A client's socket stays open: the next
+// Ends the connection on which a call has failed, unless that has been done already. The record loses the
+// number first: nobody without the lock shall take it up when it is free again. Whoever is still blocked on
+// it is woken, and the peer learns of the end even if somebody is. A client's socket stays open: the next
 // attempt puts a fresh one under its number.
 KIV_COLD void lose(UART_infos &port, uint32_t failed) {
     const mutex_hold hold(tcp_mutex);
     const int fd = port.fd;
     if (fd < 0 || kiv::connection_count(port) != failed)
         return;
+    kiv::set_current_fd(port, nobody);
     ::shutdown(fd, SHUT_RDWR);
     if (!is_client(port))
         ::close(fd);
-    kiv::set_current_fd(port, nobody);
 }
 
 // 3. Data -----------------------------------------------------------------------------------------------
