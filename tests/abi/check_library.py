@@ -15,7 +15,7 @@ def run(*command, stdin=None):
 
 
 def readelf(args, *options):
-    return run(args.readelf, "-W", *options, args.library)
+    return run(args.readelf, "-W", *options, args.elf)
 
 
 def expect_equal(what, left, right, left_name, right_name):
@@ -102,7 +102,7 @@ def check_linkage(args):
 def check_size(args):
     with tempfile.TemporaryDirectory() as folder:
         stripped = os.path.join(folder, "stripped.so")
-        run(args.strip, "--strip-unneeded", "-o", stripped, args.library)
+        run(args.strip, "--strip-unneeded", "-o", stripped, args.elf)
         size = os.path.getsize(stripped)
     for line in readelf(args, "-S").splitlines():
         field = re.search(r"\] (\.\S+)\s+\S+\s+\S+\s+\S+\s+([0-9a-f]+)", line)
@@ -115,7 +115,7 @@ def check_size(args):
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("check", choices=("exports", "linkage", "size"))
-    parser.add_argument("library")
+    parser.add_argument("elf", metavar="library")
     parser.add_argument("--readelf", default="readelf")
     parser.add_argument("--strip", default="strip")
     parser.add_argument("--cc", default="cc", help="the C compiler and its options")
