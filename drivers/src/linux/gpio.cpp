@@ -191,21 +191,26 @@ int open_file(const char *path, int flags) {
     trace_repeated("rc = ", call, function, line);
 }
 
-// Writes a text with its terminating zero byte. Returns what write returned.
-ssize_t write_file(int fd, const char *text, const char *function, int line) {
-    const size_t size = ::strlen(text) + 1;
-    const ssize_t rc = retry([=] { return ::write(fd, text, size); });
-    if (rc == -1) [[unlikely]]
-        trace_write(text, size, function, line);
-    return rc;
-}
-
 // The only close of the module that is repeated after a signal. Beware: Linux has given the descriptor up
 // even when its close says EINTR, so that the second call fails with EBADF, or closes what another thread
 // has just opened under the same number. Files of sysfs close without waiting, so no signal gets in between.
 void close_repeatedly(int fd, const char *function, int line) {
     if (retry([=] { return ::close(fd); }) == -1) [[unlikely]]
         trace_repeated("", kiv::plain("close(fd)"), function, line);
+}
+
+// Writes a text with its terminating zero byte, or nothing for a null one, and closes the file. Returns what
+// write returned, and errno as the last failure left it.
+ssize_t finish_file(int fd, const char *text, const char *function, int line) {
+    ssize_t rc = 0;
+    if (text != nullptr) {
+        const size_t size = ::strlen(text) + 1;
+        rc = retry([=] { return ::write(fd, text, size); });
+        if (rc == -1) [[unlikely]]
+            trace_write(text, size, function, line);
+    }
+    close_repeatedly(fd, function, line);
+    return rc;
 }
 
 int kiv_gpio_sysfs_write(const char *directory, int level) {
@@ -215,8 +220,7 @@ int kiv_gpio_sysfs_write(const char *directory, int level) {
     const int fd = open_file(strbuf, O_WRONLY);
     if (fd == -1)
         return trace_repeated("rc = ", kiv::plain("open(strbuf,01)"), __func__, __LINE__);
-    const ssize_t rc = write_file(fd, level != 0 ? "1" : "0", __func__, __LINE__);
-    close_repeatedly(fd, __func__, __LINE__);
+    const ssize_t rc = finish_file(fd, level != 0 ? "1" : "0", __func__, __LINE__);
     return rc == 2 ? 0 : errno;
 }
 
@@ -257,8 +261,7 @@ int kiv_gpio_sysfs_config(const char *directory, int value) {
     if (fd == -1)
         return config_without_direction(directory, strbuf, value);
     const char *text = direction_text(value);
-    const ssize_t rc = text != nullptr ? write_file(fd, text, __func__, __LINE__) : 0;
-    close_repeatedly(fd, __func__, __LINE__);
+    const ssize_t rc = finish_file(fd, text, __func__, __LINE__);
     if (text == nullptr)
         return EINVAL;
     return rc > 2 ? 0 : errno;
