@@ -6,8 +6,10 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <spawn.h>
+#include <sstream>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -26,16 +28,9 @@ namespace {
 
 constexpr unsigned megabytes = 4;
 
-// The words that run the bridge: an emulator's, if there is one, then the program.
 std::vector<std::string> bridge_command() {
-    std::vector<std::string> words;
-    std::string word;
-    for (const char c : std::string(KIV_BNEP_BRIDGE) + ";")
-        if (c != ';')
-            word += c;
-        else
-            words.push_back(std::exchange(word, {}));
-    return words;
+    std::istringstream words(KIV_BNEP_BRIDGE);
+    return {std::istream_iterator<std::string>(words), {}};
 }
 
 // One end: a namespace with its bridge.

@@ -52,10 +52,6 @@ void wait_until_ready() {
     ASSERT_EQ(kiv_sim_tap_set_up("bnep", 1), 0);
 }
 
-void wait_until_gone() {
-    wait_for_tap("bnep", [](const kiv_sim_tap_state &state) { return state.exists == 0; });
-}
-
 int stop() {
     const Traffic traffic;
     return kiv_bnep_set_sender(nullptr, nullptr);
@@ -295,11 +291,10 @@ TEST_F(Bnep, StaysEndedUntilItIsStopped) {
     for (const Ending &row : endings) {
         SCOPED_TRACE(row.what);
         start(ignore_step);
+        const unsigned opened = kiv_sim_calls(KIV_SIM_OPEN), closed = kiv_sim_calls(KIV_SIM_CLOSE);
         row.cause();
-        const unsigned opened = kiv_sim_calls(KIV_SIM_OPEN);
-        wait_until_gone();
-        while (kiv_bnep_data_available(nullptr, experimental, written, 6, everybody, device) != -1)
-            ::sched_yield();
+        kiv_sim_wait_calls(KIV_SIM_CLOSE, closed + 1);
+        EXPECT_EQ(kiv_bnep_data_available(nullptr, experimental, written, 6, everybody, device), -1);
         EXPECT_EQ(kiv_bnep_set_sender(record_step, device), 0) << "stored, and never called";
         EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), opened);
         EXPECT_EQ(kiv_bnep_set_sender(nullptr, nullptr), -1);
@@ -423,9 +418,11 @@ TEST_F(KernelBnep, CarriesFramesBetweenTheLinkAndTheKernel) {
 
 TEST_F(KernelBnep, EndsWithItsInterface) {
     ASSERT_TRUE(bring_up("bnep"));
+    const unsigned closed = kiv_sim_calls(KIV_SIM_CLOSE);
     ASSERT_TRUE(delete_interface("bnep"));
-    while (inject(experimental, Bytes(46)) != -1 || errno != ENODEV)
-        ::sched_yield();
+    kiv_sim_wait_calls(KIV_SIM_CLOSE, closed + 2); // delete_interface's own, and the sender's
+    EXPECT_EQ(inject(experimental, Bytes(46)), -1);
+    EXPECT_EQ(errno, ENODEV);
     EXPECT_EQ(kiv_bnep_set_sender(nullptr, nullptr), -1);
     ASSERT_EQ(kiv_bnep_set_sender(record_step, device), 0);
     while (hardware_address("bnep") != written_bytes)

@@ -55,14 +55,21 @@ class tap_hold {
     tap_hold &operator=(const tap_hold &) = delete;
 };
 
-// What threads look at without a lock.
+// What threads look at without a lock. A processor of one core, without barrier instructions, keeps the order
+// by itself; asking for it there would call run-time help.
+#if defined(__ARM_ARCH) && __ARM_ARCH < 6
+constexpr int order_of_load = __ATOMIC_RELAXED, order_of_store = __ATOMIC_RELAXED;
+#else
+constexpr int order_of_load = __ATOMIC_ACQUIRE, order_of_store = __ATOMIC_RELEASE;
+#endif
+
 template <typename T>
 T seen(const T &word) {
-    return __atomic_load_n(&word, __ATOMIC_RELAXED);
+    return __atomic_load_n(&word, order_of_load);
 }
 template <typename T>
 void set(T &word, T value) {
-    __atomic_store_n(&word, value, __ATOMIC_RELAXED);
+    __atomic_store_n(&word, value, order_of_store);
 }
 
 // The descriptor is taken away before it is closed, so that no frame is injected into what

@@ -8,6 +8,7 @@
 #include <net/if_arp.h>
 #include <sys/ioctl.h>
 
+#include "common/hints.h"
 #include "common/report.h"
 
 static_assert(TUNSETIFF == 0x400454ca && SIOCSIFHWADDR == 0x8924);
@@ -17,7 +18,7 @@ namespace kiv {
 namespace {
 
 // One piece of a failure message. The level is asked for each: somebody may turn it down in between.
-[[gnu::cold, gnu::noinline]] void log_failure(const char *text) noexcept {
+KIV_COLD void log_failure(const char *text) noexcept {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
@@ -26,7 +27,7 @@ namespace {
 #pragma GCC diagnostic pop
 }
 
-[[gnu::cold, gnu::noinline]] void log_refused_address(const char *label, const uint8_t *address) noexcept {
+KIV_COLD void log_refused_address(const char *label, const uint8_t *address) noexcept {
     log_failure("TAP: failed to set MAC address\n");
     log_failure(label);
     for (unsigned int i = 0; i < address_size; ++i)
