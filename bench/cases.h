@@ -14,6 +14,7 @@ struct bench_case {
 /* One table an area, ended by an entry without a name. */
 extern const struct bench_case serial_cases[];
 extern const struct bench_case unix_cases[];
+extern const struct bench_case board_cases[];
 
 /* Ends the program with a message unless what holds: a benchmark measures nothing on a failing call. */
 void must(int holds, const char *what);

@@ -4,15 +4,22 @@
  *     overhead CASE library|floor COUNT
  *
  * bench/report counts the instructions and system calls of two run lengths; what the loop itself and the
- * peer cost is the same on both sides and falls out of the difference. "overhead list" names the cases.
+ * peer cost is the same on both sides and falls out of the difference. It prints the time of one operation.
+ * "overhead list" names the cases. overhead_board is the same for what needs the simulated board.
  */
+#define _GNU_SOURCE
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 #include "cases.h"
 
+#ifdef KIV_BENCH_BOARD
+static const struct bench_case *const areas[] = {board_cases};
+#else
 static const struct bench_case *const areas[] = {serial_cases, unix_cases};
+#endif
 enum { area_count = sizeof areas / sizeof areas[0] };
 
 void must(int holds, const char *what) {
@@ -37,6 +44,12 @@ static int list(void) {
     return 0;
 }
 
+static double now(void) {
+    struct timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return (double)time.tv_sec + (double)time.tv_nsec / 1e9;
+}
+
 int main(int argc, char **argv) {
     if (argc == 2 && strcmp(argv[1], "list") == 0)
         return list();
@@ -50,8 +63,11 @@ int main(int argc, char **argv) {
         return 2;
     }
     const int use_library = strcmp(argv[2], "library") == 0;
+    const long count = strtol(argv[3], NULL, 10);
     chosen->start(use_library);
-    for (long n = strtol(argv[3], NULL, 10); n > 0; --n)
+    const double before = now();
+    for (long n = count; n > 0; --n)
         chosen->once(use_library);
+    printf("%.0f ns\n", (now() - before) * 1e9 / (double)(count > 0 ? count : 1));
     return 0;
 }

@@ -1,0 +1,380 @@
+/* HCI packets, I2C transfers, GPIO calls and TAP frames, on the simulated board. What the board does for a
+ * call is the same on both sides. */
+#define _GNU_SOURCE
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/i2c-dev.h>
+#include <linux/i2c.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include "cases.h"
+#include "kiv/core.h"
+#include "kiv/gpio.h"
+#include "kiv/i2c.h"
+#include "kiv/network.h"
+#include "kiv/sim.h"
+#include "kiv/uart.h"
+
+/* HCI ----------------------------------------------------------------------------------------------- */
+
+enum { commands = 10, longest_packet = 1029, event_size = 65 };
+static UART_infos port;
+static unsigned char stream[longest_packet], packet[longest_packet], taken[longest_packet];
+static unsigned int collected, total;
+
+static void start_hci(int use_library) {
+    (void)use_library;
+    must(sup_uart_Init(&port, "hci0", 0, 0) == 0, "sup_uart_Init");
+    kiv_sim_hci_config config;
+    kiv_sim_hci_get_config(0, &config);
+    config.answers = 0;
+    kiv_sim_hci_set_config(0, &config);
+}
+
+static void start_commands(int use_library) {
+    start_hci(use_library);
+    for (int i = 0; i < commands; ++i)
+        memcpy(stream + 4 * i, "\x01\x03\x0c", 4);
+}
+
+static void start_acl(int use_library) {
+    start_hci(use_library);
+    memcpy(stream, "\x02\x2a\x20\x00\x04", 5); /* 1024 bytes of data */
+}
+
+/* The assembler, straight: a header byte a round, one copy of the payload, one write a packet. */
+static unsigned int __attribute__((noinline))
+straight_take(int fd, const unsigned char *data, unsigned int length) {
+    if (collected == 0) {
+        if (data[0] < 1 || data[0] > 3)
+            return 1;
+        packet[collected++] = data[0];
+        return 1;
+    }
+    unsigned int count = 1;
+    if (total == 0) {
+        packet[collected++] = data[0];
+        if (collected == (packet[0] == 2 ? 5u : 4u))
+            total = packet[0] == 2 ? 5u + packet[3] + 256u * packet[4] : 4u + packet[3];
+    } else {
+        count = length < total - collected ? length : total - collected;
+        memcpy(packet + collected, data, count);
+        collected += count;
+    }
+    if (collected == total) {
+        const ssize_t written = write(fd, packet, total);
+        collected = total = 0;
+        if (written == -1)
+            return 0;
+    }
+    return count;
+}
+
+static int __attribute__((noinline)) straight_send_packets(const unsigned char *data, unsigned int length) {
+    while (length > 0) {
+        const unsigned int count = straight_take(port.fd, data, length);
+        if (count == 0)
+            return errno;
+        data += count;
+        length -= count;
+    }
+    return 0;
+}
+
+static void hci_send(int use_library, unsigned int length) {
+    must((use_library ? sup_uart_Send(&port, stream, length) : straight_send_packets(stream, length)) == 0,
+         "send");
+}
+
+static void hci_commands(int use_library) {
+    hci_send(use_library, 4 * commands);
+    for (int i = 0; i < commands; ++i)
+        kiv_sim_hci_receive(0, taken, sizeof taken);
+}
+
+static void hci_acl(int use_library) {
+    hci_send(use_library, longest_packet);
+    kiv_sim_hci_receive(0, taken, sizeof taken);
+}
+
+static unsigned int head, tail;
+
+static int __attribute__((noinline)) straight_read_packet(unsigned char *buffer, unsigned int *length) {
+    if (head == tail) {
+        head = 0;
+        const ssize_t count = read(port.fd, packet, sizeof packet);
+        if (count <= 0)
+            return EIO;
+        tail = (unsigned int)count;
+    }
+    const unsigned int count = *length < tail - head ? *length : tail - head;
+    memcpy(buffer, packet + head, count);
+    head += count;
+    *length = count;
+    return 0;
+}
+
+static int hci_read(int use_library, unsigned int length) {
+    return use_library ? sup_uart_Read_partial(&port, taken, &length) : straight_read_packet(taken, &length);
+}
+
+static void feed_event(void) {
+    static const unsigned char event[event_size] = {4, 0xff, event_size - 3};
+    must(kiv_sim_hci_send(0, event, sizeof event) == 0, "event");
+}
+
+static void hci_read_packet(int use_library) {
+    feed_event();
+    must(hci_read(use_library, sizeof taken) == 0, "read");
+}
+
+static void hci_read_bytes(int use_library) {
+    feed_event();
+    for (int i = 0; i < event_size; ++i)
+        must(hci_read(use_library, 1) == 0, "read");
+}
+
+/* I2C: the clock, whose register 0 is read ----------------------------------------------------------- */
+
+static kiv_i2c_device device;
+static unsigned char clock_register[1], contents[7];
+
+static void start_i2c(int use_library) {
+    (void)use_library;
+    must(kiv_i2c_open(&device, NULL, 0x68) == 0, "kiv_i2c_open");
+}
+
+static int __attribute__((noinline)) straight_i2c_write(int fd, const void *bytes, unsigned int count) {
+    const ssize_t moved = write(fd, bytes, count);
+    return moved == -1 ? 0 : (int)moved;
+}
+
+static int __attribute__((noinline)) straight_i2c_read(int fd, void *bytes, unsigned int count) {
+    const ssize_t moved = read(fd, bytes, count);
+    return moved == -1 ? 0 : (int)moved;
+}
+
+static void i2c_write(int use_library) {
+    must((use_library ? kiv_i2c_tx(&device, clock_register, 1)
+                      : straight_i2c_write(device.fd, clock_register, 1)) == 1,
+         "write");
+}
+
+static void i2c_read(int use_library) {
+    must((use_library ? kiv_i2c_rx(&device, contents, 7) : straight_i2c_read(device.fd, contents, 7)) == 7,
+         "read");
+}
+
+static int __attribute__((noinline)) straight_pair(int fd, const kiv_i2c_message *pair) {
+    struct i2c_msg messages[2];
+    for (int i = 0; i < 2; ++i)
+        messages[i] = (struct i2c_msg){.addr = (unsigned short)device.address,
+                                       .flags = (unsigned short)pair[i].flags,
+                                       .len = (unsigned short)pair[i].len,
+                                       .buf = pair[i].buf};
+    struct i2c_rdwr_ioctl_data both = {.msgs = messages, .nmsgs = 2};
+    return ioctl(fd, I2C_RDWR, &both) == -1 ? errno : 0;
+}
+
+static void i2c_register(int use_library) {
+    const kiv_i2c_message pair[] = {{clock_register, 1, 0}, {contents, 7, KIV_I2C_READ}};
+    must((use_library ? kiv_i2c_msg(&device, pair, 2) : straight_pair(device.fd, pair)) == 0, "transfer");
+}
+
+/* GPIO ---------------------------------------------------------------------------------------------- */
+
+struct pin_request {
+    int pin, value;
+};
+static int gpio_fd;
+
+static void start_gpio(int use_library) {
+    if (use_library)
+        must(kiv_gpio_open() == 0, "kiv_gpio_open");
+    else
+        must((gpio_fd = open("/dev/gpio", O_RDWR)) >= 0, "/dev/gpio");
+    struct pin_request output = {4, 1};
+    must((use_library ? kiv_gpio_config(4, 1) : ioctl(gpio_fd, 0x40087000, &output)) == 0, "output");
+}
+
+static int __attribute__((noinline)) straight_gpio_set(int pin, int level) {
+    struct pin_request request = {pin, level};
+    return ioctl(gpio_fd, 0x40087002, &request) == -1 ? errno : 0;
+}
+
+static int __attribute__((noinline)) straight_gpio_get(int pin) {
+    struct pin_request request = {pin, 0};
+    return ioctl(gpio_fd, 0xC0087001, &request) == -1 ? -1 : request.value != 0;
+}
+
+static void gpio_set(int use_library) {
+    must((use_library ? kiv_gpio_output_set(4) : straight_gpio_set(4, 1)) == 0, "set");
+}
+
+static void gpio_get(int use_library) {
+    must((use_library ? kiv_gpio_read(5) : straight_gpio_get(5)) >= 0, "get");
+}
+
+/* TAP and BNEP -------------------------------------------------------------------------------------- */
+
+static int32_t tap;
+static unsigned int frame_size;
+static unsigned char frame[1514], header[14];
+
+static void start_tap(unsigned int size) {
+    frame_size = size;
+    kiv_sim_tun_set_node(KIV_SIM_NET_TUN, KIV_SIM_TUN_PRESENT);
+    static const unsigned char address[6] = {2, 1, 2, 3, 4, 5};
+    must(kiv_eth_open(&tap, "bench", address) == 0 && kiv_sim_tap_set_up("bench", 1) == 0, "kiv_eth_open");
+}
+
+static void start_tap_60(int use_library) {
+    (void)use_library;
+    start_tap(60);
+}
+
+static void start_tap_1514(int use_library) {
+    (void)use_library;
+    start_tap(1514);
+}
+
+static int __attribute__((noinline))
+straight_frame_out(const void *head_bytes, const void *payload, unsigned int length) {
+    const struct iovec pieces[] = {{(void *)head_bytes, 14}, {(void *)payload, length}};
+    return (int)writev(tap, pieces, 2) - 14;
+}
+
+static int __attribute__((noinline)) straight_frame_in(void *head_bytes, void *payload, unsigned int size) {
+    const struct iovec pieces[] = {{head_bytes, 14}, {payload, size}};
+    return (int)readv(tap, pieces, 2) - 14;
+}
+
+static void tap_write(int use_library) {
+    const unsigned int length = frame_size - 14;
+    must((use_library ? kiv_eth_write(&tap, header, frame, length)
+                      : straight_frame_out(header, frame, length)) == (int)length,
+         "frame");
+}
+
+static void tap_read(int use_library) {
+    must(kiv_sim_tap_send("bench", frame, frame_size) == 0, "frame");
+    must((use_library ? kiv_eth_read(&tap, header, frame, sizeof frame)
+                      : straight_frame_in(header, frame, sizeof frame)) == (int)frame_size - 14,
+         "frame");
+}
+
+static sem_t delivered;
+static sup_mutex_t delivery;
+
+static void count_frame(void *context, uint16_t protocol, const uint8_t *payload, uint16_t length,
+                        int32_t step) {
+    (void)context, (void)protocol, (void)payload, (void)length;
+    if (step == KIV_BNEP_FRAME_END)
+        sem_post(&delivered);
+}
+
+/* The sender's thread, straight: wait, read, and three calls under the lock. */
+static void *straight_sender(void *unused) {
+    (void)unused;
+    static unsigned char buffer[1600];
+    for (;;) {
+        struct timeval limit = {1, 0};
+        fd_set readable;
+        FD_ZERO(&readable);
+        FD_SET(tap, &readable);
+        if (select(tap + 1, &readable, NULL, NULL, &limit) != 1)
+            continue;
+        const ssize_t length = read(tap, buffer, sizeof buffer);
+        if (length < 14)
+            return NULL;
+        sup_mutex_lock(&delivery);
+        void (*volatile send)(void *, uint16_t, const uint8_t *, uint16_t, int32_t) = count_frame;
+        send(NULL, (uint16_t)(buffer[12] << 8 | buffer[13]), NULL, 0, 0);
+        send(NULL, 0, buffer + 14, (uint16_t)(length - 14), 1);
+        send(NULL, 0, NULL, 0, 2);
+        sup_mutex_unlock(&delivery);
+    }
+}
+
+static int bnep_exists(const kiv_sim_tap_state *state, void *context) {
+    (void)context;
+    return state->exists && state->hardware_address[0] == 2 && state->hardware_address[5] == 5;
+}
+
+static void start_bnep(int use_library, unsigned int size) {
+    static const unsigned char address[6] = {5, 4, 3, 2, 1, 2};
+    start_tap(size);
+    sem_init(&delivered, 0, 0);
+    if (use_library) {
+        kiv_bnep_set_sender(count_frame, address);
+        kiv_sim_tap_wait("bnep", bnep_exists, NULL);
+        must(kiv_sim_tap_set_up("bnep", 1) == 0, "bnep");
+    } else {
+        pthread_t thread;
+        must(sup_mutex_init(&delivery, 0) == 0 && pthread_create(&thread, NULL, straight_sender, NULL) == 0,
+             "thread");
+    }
+}
+
+static void start_bnep_60(int use_library) {
+    start_bnep(use_library, 60);
+}
+
+static void start_bnep_1514(int use_library) {
+    start_bnep(use_library, 1514);
+}
+
+static void bnep_outbound(int use_library) {
+    must(kiv_sim_tap_send(use_library ? "bnep" : "bench", frame, frame_size) == 0, "frame");
+    while (sem_wait(&delivered) == -1) {
+    }
+}
+
+static int __attribute__((noinline))
+straight_inject(uint16_t protocol, const void *payload, unsigned int length, const uint8_t *destination,
+                const uint8_t *source) {
+    unsigned char built[14];
+    for (int i = 0; i < 6; ++i) {
+        built[i] = destination[5 - i];
+        built[6 + i] = source[5 - i];
+    }
+    built[12] = (unsigned char)(protocol >> 8);
+    built[13] = (unsigned char)protocol;
+    const struct iovec pieces[] = {{built, 6}, {built + 6, 6}, {built + 12, 2}, {(void *)payload, length}};
+    return (int)writev(tap, pieces, 4);
+}
+
+static void bnep_inbound(int use_library) {
+    static const uint8_t there[6] = {1, 2, 3, 4, 5, 2}, here[6] = {6, 5, 4, 3, 2, 2};
+    const unsigned int length = frame_size - 14;
+    must((use_library ? kiv_bnep_data_available(NULL, 0x0800, frame, length, there, here)
+                      : straight_inject(0x0800, frame, length, there, here)) == (int)frame_size,
+         "frame");
+}
+
+const struct bench_case board_cases[] = {
+    {"hci-10-commands", start_commands, hci_commands, 10 * 20},
+    {"hci-acl-1029", start_acl, hci_acl, 24},
+    {"hci-read-packet", start_hci, hci_read_packet, 12},
+    {"hci-read-65-bytes", start_hci, hci_read_bytes, 65 * 12},
+    {"i2c-write", start_i2c, i2c_write, 12},
+    {"i2c-read", start_i2c, i2c_read, 12},
+    {"i2c-register", start_i2c, i2c_register, 24},
+    {"gpio-set", start_gpio, gpio_set, 8},
+    {"gpio-read", start_gpio, gpio_get, 8},
+    {"tap-write-60", start_tap_60, tap_write, 12},
+    {"tap-write-1514", start_tap_1514, tap_write, 12},
+    {"tap-read-60", start_tap_60, tap_read, 12},
+    {"tap-read-1514", start_tap_1514, tap_read, 12},
+    {"bnep-in-60", start_bnep_60, bnep_inbound, 8},
+    {"bnep-in-1514", start_bnep_1514, bnep_inbound, 8},
+    {"bnep-out-60", start_bnep_60, bnep_outbound, 12},
+    {"bnep-out-1514", start_bnep_1514, bnep_outbound, 12},
+    {0},
+};
