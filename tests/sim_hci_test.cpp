@@ -92,6 +92,10 @@ TEST_F(SimHci, RequestsFollowTheControllersState) {
     EXPECT_EQ(write(acl(1024)), 0);
     EXPECT_EQ(write(acl(1025)), EINVAL);
     EXPECT_EQ(write({1, 2, 3}), EINVAL);
+    configure([](auto &config) { config.max_packet = 1028; });
+    EXPECT_EQ(write(acl(1024)), EINVAL);
+    configure([](auto &config) { config.busy = 1; });
+    EXPECT_EQ(request(up), EBUSY);
     configure([](auto &config) { config.capable = 0; });
     EXPECT_EQ(request(up), EPERM);
     EXPECT_EQ(write(hci_reset), EPERM);
@@ -146,6 +150,20 @@ TEST_F(SimHci, TheControllerAnswersItsHost) {
     ASSERT_EQ(write({2, 0, 0, 9, 9}), 0);
     EXPECT_EQ(read(), Bytes());
     EXPECT_EQ(state_of().malformed, 2u);
+}
+
+TEST_F(SimHci, PacketsCanBeLateAndTooMany) {
+    connect();
+    configure([](auto &config) { config.hold = 1; });
+    ASSERT_EQ(write(hci_reset), 0);
+    EXPECT_EQ(read(), Bytes());
+    EXPECT_EQ(kiv_sim_hci_release(0, 9), 1u);
+    EXPECT_EQ(read(), reset_complete);
+    configure([](auto &config) { config.hold = 0; });
+    controller_sends(event(1));
+    while (state_of().lost == 0)
+        controller_sends(acl(1024));
+    EXPECT_EQ(read(), event(1)) << "the oldest ones are kept";
 }
 
 TEST_F(SimHci, GoingAwayIsToldOnceAheadOfTheData) {
