@@ -240,6 +240,15 @@ TEST_F(SimFaults, PollReportsWhatItIsTold) {
     EXPECT_TRUE(entries[0].revents == 0 && entries[1].revents == 0);
 }
 
+TEST_F(SimFaults, SelectTimesOutWhenToldTo) {
+    fd_set writable;
+    FD_ZERO(&writable);
+    FD_SET(pipe_[1], &writable);
+    ASSERT_EQ(kiv_sim_answer(KIV_SIM_SELECT, 1, 1, 0), 0);
+    EXPECT_EQ(::select(pipe_[1] + 1, nullptr, &writable, nullptr, nullptr), 0);
+    EXPECT_FALSE(FD_ISSET(pipe_[1], &writable));
+}
+
 TEST_F(SimFaults, LeaveTheStandardStreamsAlone) {
     ASSERT_EQ(kiv_sim_fail(KIV_SIM_WRITE, 1, KIV_SIM_ALWAYS, unreal), 0);
     const unsigned before = kiv_sim_calls(KIV_SIM_WRITE);

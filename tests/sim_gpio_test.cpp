@@ -238,6 +238,11 @@ TEST_F(SimSysfs, ReadingAgainNeedsTheBeginning) {
     EXPECT_EQ(::lseek(fd, 0, SEEK_SET), 0);
     EXPECT_EQ(::read(fd, text, 1), 1);
     EXPECT_EQ(text[0], '1');
+    const int reader = open_pin("led/value", O_RDONLY);
+    EXPECT_TRUE(::write(reader, "1", 1) == -1 && errno == EBADF);
+    ::close(reader);
+    ASSERT_EQ(kiv_sim_pin_claim(4, 1), 0);
+    EXPECT_TRUE(::lseek(fd, 0, SEEK_SET) == 0 && ::read(fd, text, 1) == -1 && errno == EBUSY);
     ASSERT_EQ(kiv_sim_sysfs_unexport("led"), 0);
     EXPECT_EQ(::write(fd, "1", 1), -1);
     EXPECT_EQ(errno, ENODEV);
