@@ -10,7 +10,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
