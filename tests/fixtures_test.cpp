@@ -2,13 +2,9 @@
 
 #include <cerrno>
 #include <gtest/gtest-spi.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include "fixtures/log_capture.h"
-#include "fixtures/pty.h"
-#include "fixtures/signal.h"
-#include "fixtures/sockets.h"
 #include "kiv/core.h"
 
 namespace kiv::test {
@@ -53,43 +49,6 @@ TEST(BoardFixture, FailsForALeftDescriptorAndForALeftReport) {
     EXPECT_NONFATAL_FAILURE(probe.TearDown(), "reports that the test did not expect");
     probe.SetUp();
     probe.TearDown();
-}
-
-TEST(Interrupter, EndsABlockedCall) {
-    Interrupter signals(::pthread_self());
-    EXPECT_EQ(::poll(nullptr, 0, -1), -1);
-    EXPECT_EQ(errno, EINTR);
-    signals.stop();
-}
-
-TEST(Pty, IsRawAndHangsUp) {
-    Pty pty;
-    if (!pty.works())
-        GTEST_SKIP() << "this machine gives no pseudo-terminals";
-    const int slave = ::open(pty.path().c_str(), O_RDWR | O_NOCTTY);
-    char byte = 0;
-    EXPECT_EQ(::write(pty.master(), "\r", 1), 1);
-    EXPECT_EQ(::read(slave, &byte, 1), 1);
-    EXPECT_EQ(byte, '\r');
-    pty.hang_up();
-    pollfd entry = {slave, POLLIN, 0};
-    EXPECT_EQ(::poll(&entry, 1, -1), 1);
-    EXPECT_EQ(entry.revents & POLLHUP, POLLHUP);
-    ::close(slave);
-}
-
-TEST(Sockets, FindAPortAndConnectToIt) {
-    const std::uint16_t port = free_port();
-    ASSERT_NE(port, 0);
-    EXPECT_EQ(connect_to_port(port), -1);
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    const sockaddr_in address = local_address(port);
-    ASSERT_EQ(::bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(listener, 1), 0);
-    const int client = connect_to_port(port);
-    EXPECT_GE(client, 0);
-    ::close(client);
-    ::close(listener);
 }
 
 } // namespace

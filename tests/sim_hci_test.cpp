@@ -83,36 +83,22 @@ TEST_F(SimHci, RequestsFollowTheControllersState) {
     EXPECT_EQ(request(down), 0);
     EXPECT_EQ(request(down), 0);
     EXPECT_EQ(write(hci_reset), ENETDOWN);
-    EXPECT_EQ(request(raw, 1), 0);
     EXPECT_EQ(request(up), 0);
-    EXPECT_EQ(state_of().raw, 1);
+    EXPECT_EQ(request(raw, 1), 0);
     EXPECT_EQ(request(raw, 0), 0);
     EXPECT_EQ(state_of().raw, 0);
     EXPECT_EQ(request(up, 2), ENODEV);
     EXPECT_EQ(request(0x5401), ENOTTY);
-    configure([](auto &config) { config.set_raw_error = EOPNOTSUPP; });
-    EXPECT_EQ(request(raw, 1), EOPNOTSUPP);
-    configure([](auto &config) { config.capable = 0; });
-    for (const unsigned long each : {up, down, raw})
-        EXPECT_EQ(request(each), EPERM);
-    EXPECT_EQ(write(hci_reset), EPERM);
-    configure([](auto &config) {
-        config.capable = 1;
-        config.busy = 1;
-    });
-    for (const unsigned long each : {up, down, raw})
-        EXPECT_EQ(request(each), EBUSY);
-}
-
-TEST_F(SimHci, WritesCheckLengthAndIndicator) {
-    connect();
-    EXPECT_EQ(write({1, 2, 3}), EINVAL);
-    EXPECT_EQ(write(event(5)), EINVAL);
     EXPECT_EQ(write(acl(1024)), 0);
     EXPECT_EQ(write(acl(1025)), EINVAL);
+    EXPECT_EQ(write({1, 2, 3}), EINVAL);
     configure([](auto &config) { config.max_packet = 1028; });
     EXPECT_EQ(write(acl(1024)), EINVAL);
-    EXPECT_EQ(packets_of_host(), std::vector<Bytes>{acl(1024)});
+    configure([](auto &config) { config.busy = 1; });
+    EXPECT_EQ(request(up), EBUSY);
+    configure([](auto &config) { config.capable = 0; });
+    EXPECT_EQ(request(up), EPERM);
+    EXPECT_EQ(write(hci_reset), EPERM);
 }
 
 TEST_F(SimHci, AFilterLetsThroughWhatItNames) {
@@ -123,9 +109,10 @@ TEST_F(SimHci, AFilterLetsThroughWhatItNames) {
         std::uint32_t types, events;
         std::uint16_t opcode;
         bool event, data;
-    } rows[] = {{1u << 4, ~0u, 0, true, false}, {1u << 2, ~0u, 0, false, true},
-                {~0u, 0, 0, false, true},       {~0u, 1u << 14, 0, true, true},
-                {~0u, ~0u, 0x0c03, true, true}, {~0u, ~0u, 0x1001, false, true}};
+    } rows[] = {{1u << 4, ~0u, 0, true, false},
+                {~0u, 0, 0, false, true},
+                {~0u, 1u << 14, 0x0c03, true, true},
+                {~0u, ~0u, 0x1001, false, true}};
     for (const auto &row : rows) {
         ASSERT_EQ(filter(row.types, row.events, row.opcode), 0);
         controller_sends(reset_complete);
@@ -146,9 +133,7 @@ TEST_F(SimHci, TheControllerAnswersItsHost) {
     const struct {
         Bytes sent, answer;
     } rows[] = {
-        {hci_reset, reset_complete},
         {{1, 0x01, 0x10, 0}, {4, 0x0e, 12, 1, 0x01, 0x10, 0, 4, 0, 1, 4, 0xff, 0xff, 1, 0}},
-        {{1, 0x09, 0x10, 0}, {4, 0x0e, 10, 1, 0x09, 0x10, 0, 0, 0, 0xfe, 0xca, 0xde, 0xc2}},
         {{1, 0x05, 0x10, 0}, {4, 0x0e, 4, 1, 0x05, 0x10, 0x0c}},    // refused as told
         {{1, 0x45, 0xfc, 0}, {4, 0x0e, 4, 1, 0x45, 0xfc, 0x01}},    // unknown
         {{1, 0x05, 0x04, 0}, {4, 0x0f, 4, 0x01, 1, 0x05, 0x04}},    // unknown, of a group with a status
@@ -159,41 +144,26 @@ TEST_F(SimHci, TheControllerAnswersItsHost) {
         ASSERT_EQ(write(row.sent), 0);
         EXPECT_EQ(read(), row.answer);
     }
-    ASSERT_EQ(kiv_sim_hci_refuse(0, 0x1005, 0), 0);
-    ASSERT_EQ(write({1, 0x05, 0x10, 0}), 0);
-    EXPECT_EQ(read(), Bytes({4, 0x0e, 11, 1, 0x05, 0x10, 0, 0, 4, 64, 8, 0, 8, 0}));
-
     ASSERT_EQ(write(acl(6)), 0);
     EXPECT_EQ(read(), Bytes({4, 0x13, 5, 1, 0x2a, 0, 1, 0}));
     EXPECT_EQ(read(), acl(6));
-    ASSERT_EQ(write(sco(6)), 0);
     ASSERT_EQ(write({2, 0, 0, 9, 9}), 0);
     EXPECT_EQ(read(), Bytes());
-    const kiv_sim_hci_state state = state_of();
-    EXPECT_EQ(state.commands, 9u);
-    EXPECT_EQ(state.acl_packets, 2u);
-    EXPECT_EQ(state.sco_packets, 1u);
-    EXPECT_EQ(state.malformed, 2u);
+    EXPECT_EQ(state_of().malformed, 2u);
 }
 
 TEST_F(SimHci, PacketsCanBeLateAndTooMany) {
     connect();
     configure([](auto &config) { config.hold = 1; });
-    ASSERT_EQ(write(acl(1)), 0);
     ASSERT_EQ(write(hci_reset), 0);
-    EXPECT_EQ(read(), Bytes());
-    EXPECT_EQ(state_of().held, 3u);
-    EXPECT_EQ(kiv_sim_hci_release(0, 2), 2u);
-    EXPECT_EQ(read().size(), 8u);
-    EXPECT_EQ(read(), acl(1));
     EXPECT_EQ(read(), Bytes());
     EXPECT_EQ(kiv_sim_hci_release(0, 9), 1u);
     EXPECT_EQ(read(), reset_complete);
-
     configure([](auto &config) { config.hold = 0; });
+    controller_sends(event(1));
     while (state_of().lost == 0)
         controller_sends(acl(1024));
-    EXPECT_EQ(read(), acl(1024)) << "the oldest ones are kept";
+    EXPECT_EQ(read(), event(1)) << "the oldest ones are kept";
 }
 
 TEST_F(SimHci, GoingAwayIsToldOnceAheadOfTheData) {
@@ -210,16 +180,6 @@ TEST_F(SimHci, GoingAwayIsToldOnceAheadOfTheData) {
     EXPECT_EQ(errno, EAGAIN) << "a blocking read would wait";
     EXPECT_EQ(write(hci_reset), EPIPE);
     EXPECT_EQ(bind(0), ENODEV);
-}
-
-TEST_F(SimHci, AStreamThatEndsGivesWhatItHasFirst) {
-    connect();
-    controller_sends(event(1));
-    ASSERT_EQ(kiv_sim_hci_unplug(0, 0), 0);
-    EXPECT_EQ(read(), event(1));
-    std::uint8_t byte;
-    for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(::read(fd, &byte, 1), 0);
 }
 
 } // namespace
