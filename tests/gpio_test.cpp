@@ -18,15 +18,12 @@ namespace {
 
 const char module[] = "linux/gpio";
 
-const std::string set_direction_text =
-    "ret = ioctl(gpio_fd, (((1U) << (((0+8)+8)+14)) | ((('p')) << (0+8)) | (((0)) << 0) | "
-    "((((sizeof(struct gpio_direction)))) << ((0+8)+8))), &dir)";
-const std::string get_level_text =
-    "ret = ioctl(gpio_fd, (((2U|1U) << (((0+8)+8)+14)) | ((('p')) << (0+8)) | (((1)) << 0) | "
-    "((((sizeof(struct gpio_data)))) << ((0+8)+8))), &data)";
-const std::string set_level_text =
-    "ret = ioctl(gpio_fd, (((1U) << (((0+8)+8)+14)) | ((('p')) << (0+8)) | (((2)) << 0) | "
-    "((((sizeof(struct gpio_data)))) << ((0+8)+8))), &data)";
+// The statement of a request: its direction, its number and its argument.
+std::string requested(const std::string &direction, const std::string &number, const std::string &type) {
+    return "ret = ioctl(gpio_fd, (((" + direction + ") << (((0+8)+8)+14)) | ((('p')) << (0+8)) | (((" +
+           number + ")) << 0) | ((((sizeof(struct gpio_" + type + ")))) << ((0+8)+8))), &" +
+           (type == "data" ? "data)" : "dir)");
+}
 
 // The statement of a call that is repeated after a signal.
 std::string repeated(const std::string &left_side, const std::string &call) {
@@ -145,10 +142,10 @@ struct DeviceRow {
 };
 
 const std::vector<DeviceRow> device_rows = {
-    {numbered[0], "kiv_gpio_dev_config", set_direction_text, false},
-    {numbered[1], "kiv_gpio_dev_read", get_level_text, true},
-    {numbered[2], "kiv_gpio_dev_write", set_level_text, false},
-    {numbered[3], "kiv_gpio_dev_write", set_level_text, false},
+    {numbered[0], "kiv_gpio_dev_config", requested("1U", "0", "direction"), false},
+    {numbered[1], "kiv_gpio_dev_read", requested("2U|1U", "1", "data"), true},
+    {numbered[2], "kiv_gpio_dev_write", requested("1U", "2", "data"), false},
+    {numbered[3], "kiv_gpio_dev_write", requested("1U", "2", "data"), false},
 };
 
 // The reports of a refused request at one log level.
