@@ -51,13 +51,11 @@ class I2cOpening : public LoggedBoardTest {
   protected:
     kiv_i2c_device device_;
 
-    void SetUp() override {
-        LoggedBoardTest::SetUp();
-        std::memset(static_cast<void *>(&device_), 0xa5, sizeof device_);
-    }
+    void dirty() { std::memset(static_cast<void *>(&device_), 0xa5, sizeof device_); }
 };
 
 TEST_F(I2cOpening, ClearsTheRecordAndBindsTheAddressEvenOfADriver) {
+    dirty();
     ASSERT_EQ(kiv_sim_i2c_claim(0x68, 1), 0);
     ASSERT_EQ(kiv_i2c_open(&device_, nullptr, 0x68), 0);
     EXPECT_EQ(bus().open_files, 1U);
@@ -98,7 +96,7 @@ TEST_F(I2cOpening, FailsStepByStepAndLeavesNothing) {
             kiv_sim_fail(KIV_SIM_OPEN, 1, 1, row.open_error);
         if (row.bind_error != 0)
             kiv_sim_fail_ioctl(I2C_SLAVE_FORCE, 1, 1, row.bind_error);
-        std::memset(static_cast<void *>(&device_), 0xa5, sizeof device_);
+        dirty();
         EXPECT_EQ(kiv_i2c_open(&device_, row.name, row.address), row.status);
         const kiv_i2c_device zero = {};
         EXPECT_EQ(std::memcmp(&device_, &zero, sizeof zero), 0);
@@ -175,18 +173,26 @@ TEST_F(I2cTransfer, WritesAPageAndPollsUntilItIsThere) {
     EXPECT_EQ(bus().refused, 3U);
 }
 
+// An interruption is no licence for what follows it.
 TEST_F(I2cTransfer, ReportsEveryFailureButAnAbsentSlaveAndReturnsZero) {
     for (const bool reading : {false, true})
-        for (const int error : {EREMOTEIO, ENXIO, EIO, EAGAIN, ETIMEDOUT, EBADF}) {
-            SCOPED_TRACE(std::string(name_of(reading)) + ": " + std::strerror(error));
-            kiv_sim_fail(call_of(reading), 1, 1, error);
-            Bytes bytes(4, 0);
-            const unsigned before = all_calls();
-            EXPECT_EQ(move(eeprom_, reading, bytes), 0);
-            EXPECT_EQ(all_calls() - before, 1U);
-            EXPECT_EQ(reports(),
-                      error == EREMOTEIO ? Reports() : traced(name_of(reading), text_of(reading), error));
-        }
+        for (const int error : {EREMOTEIO, ENXIO, EIO, EAGAIN, ETIMEDOUT, EBADF})
+            for (const unsigned interruptions : {0U, 3U}) {
+                SCOPED_TRACE(std::string(name_of(reading)) + ": " + std::strerror(error));
+                kiv_sim_clear_faults(); // only so many can be armed
+                if (interruptions != 0)
+                    kiv_sim_fail(call_of(reading), 1, interruptions, EINTR);
+                kiv_sim_fail(call_of(reading), 1 + interruptions, 1, error);
+                Bytes bytes(4, 0);
+                const unsigned before = all_calls();
+                EXPECT_EQ(move(eeprom_, reading, bytes), 0);
+                EXPECT_EQ(all_calls() - before, 1U + interruptions);
+                Reports expected =
+                    times(interruptions, trace(module_path, name_of(reading), text_of(reading), EINTR));
+                if (error != EREMOTEIO)
+                    expected.push_back(trace(module_path, name_of(reading), text_of(reading), error));
+                EXPECT_EQ(reports(), expected);
+            }
     kiv_sim_i2c_plug(KIV_SIM_I2C_CLOCK, 0);
     Bytes bytes(1, 0);
     EXPECT_EQ(move(clock_, true, bytes), 0);
@@ -207,21 +213,6 @@ TEST_F(I2cTransfer, RefusesNullPointersWithZero) {
                                   asserted(module_path, "kiv_i2c_rx", no_device),
                                   asserted(module_path, "kiv_i2c_tx", "(tx_data) != ((void *)0)"),
                                   asserted(module_path, "kiv_i2c_rx", "(rx_data) != ((void *)0)")}));
-}
-
-TEST_F(I2cTransfer, GoesOnAfterEveryInterruption) {
-    for (const bool reading : {false, true}) {
-        kiv_sim_fail(call_of(reading), 1, 3, EINTR);
-        Bytes bytes(1, 0);
-        EXPECT_EQ(move(clock_, reading, bytes), 1);
-        EXPECT_EQ(kiv_sim_calls(call_of(reading)), 4U);
-        EXPECT_EQ(reports(), times(3, trace(module_path, name_of(reading), text_of(reading), EINTR)));
-        // An interruption is no licence for what follows it.
-        kiv_sim_fail(call_of(reading), 1, 1, EINTR);
-        kiv_sim_fail(call_of(reading), 2, 1, EREMOTEIO);
-        EXPECT_EQ(move(clock_, reading, bytes), 0);
-        EXPECT_EQ(reports(), traced(name_of(reading), text_of(reading), EINTR));
-    }
 }
 
 TEST_F(I2cTransfer, GoesOnAfterRealSignals) {
