@@ -67,8 +67,7 @@ TEST_F(UnixTest, AFailedStepOfTheOpeningLeavesNothing) {
         SCOPED_TRACE(kiv_sim_call_name(fault.call));
         if (kiv_sim_reaches(fault.call) == 0)
             continue; // a sanitizer's allocator
-        ASSERT_EQ(kiv_sim_fail(fault.call, 1, 1, fault.error), 0);
-        ++other_faults;
+        fail_next(fault.call, fault.error);
         const auto before = open_descriptors();
         EXPECT_EQ(open_status(service.name()), fault.error);
         EXPECT_EQ(open_descriptors(), before);
@@ -114,19 +113,14 @@ TEST_F(UnixTest, TheServiceMayComeLater) {
 // Which call fails how. Reads go on with the next connection, writes drop what they have: neither fails, and
 // nobody is told.
 TEST_F(UnixTest, AFailedTransferEndsItsConnection) {
-    const int read_errors[] = {EINTR, ECONNRESET, EBADF, 0};
-    const int send_errors[] = {EPIPE, ECONNRESET, EINTR, 0};
     UART_status_cb callbacks = {};
     callbacks.connected = callbacks.disconnected = [](UART_infos *, void *) { ++callbacks_called; };
     service.start();
     ASSERT_EQ(sup_uart_Init2(&port, ("unix:" + service.name()).c_str(), 0, 0, &callbacks), 0);
     Peer peer = service.accept();
-    for (const int error : read_errors) {
+    for (const int error : {EINTR, ECONNRESET, EBADF, 0}) {
         SCOPED_TRACE(error);
-        auto fail =
-            error == 0 ? kiv_sim_answer(KIV_SIM_READ, 1, 1, 0) : kiv_sim_fail(KIV_SIM_READ, 1, 1, error);
-        ASSERT_EQ(fail, 0);
-        ++other_faults;
+        fail_next(KIV_SIM_READ, error);
         AsyncRead text([this] { return read_some(); });
         Peer next = service.accept();
         EXPECT_EQ(peer.receive(1), "") << "the old connection is still open";
@@ -134,12 +128,9 @@ TEST_F(UnixTest, AFailedTransferEndsItsConnection) {
         EXPECT_EQ(text.get(), "next");
         peer = std::move(next);
     }
-    for (const int error : send_errors) {
+    for (const int error : {EPIPE, ECONNRESET, EINTR, 0}) {
         SCOPED_TRACE(error);
-        auto fail =
-            error == 0 ? kiv_sim_answer(KIV_SIM_SEND, 1, 1, 0) : kiv_sim_fail(KIV_SIM_SEND, 1, 1, error);
-        ASSERT_EQ(fail, 0);
-        ++other_faults;
+        fail_next(KIV_SIM_SEND, error);
         EXPECT_EQ(send("dropped"), 0);
         EXPECT_EQ(peer.receive(1), "");
         EXPECT_EQ(send("taken"), 0);
@@ -170,9 +161,8 @@ TEST_F(UnixTest, AReconnectionThatFailsIsTriedAgain) {
         // A write tries once.
         kiv_sim_clear_faults();
         skip_pauses();
-        ASSERT_EQ(kiv_sim_fail(KIV_SIM_SEND, 1, 1, EPIPE), 0);
-        ASSERT_EQ(kiv_sim_fail(call, 1, 1, EMFILE), 0);
-        other_faults += 2;
+        fail_next(KIV_SIM_SEND, EPIPE);
+        fail_next(call, EMFILE);
         EXPECT_EQ(send("lost"), 0);
         EXPECT_EQ(send("lost too"), 0);
         EXPECT_EQ(send("sent"), 0);
@@ -288,8 +278,7 @@ TEST_F(UnixTest, ABlockedReaderFollowsTheWriter) {
     const unsigned reads = kiv_sim_calls(KIV_SIM_READ);
     AsyncRead text([this] { return read_some(); });
     text.wait_blocked(reads + 1);
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_SEND, 1, 1, EPIPE), 0);
-    other_faults = 1;
+    fail_next(KIV_SIM_SEND, EPIPE);
     EXPECT_EQ(send("lost"), 0);
     const Peer next = service.accept();
     EXPECT_EQ(peer.receive(1), "");
