@@ -6,8 +6,7 @@
 #include <mutex>
 #include <string>
 
-#include "fixtures/reconnecting.h"
-#include "kiv/transports.h"
+#include "fixtures/unix_port.h"
 
 using namespace kiv::test;
 
@@ -41,51 +40,29 @@ class Events {
     }
 };
 
-class BtgpsdemuxTest : public ReconnectingTest {
+class BtgpsdemuxTest : public UnixPortTest {
   protected:
-    UnixService service{own_name("gps")};
     Events events;
-    UART_infos port{};
 
-    int open_status(const std::string &path) {
+    int open_status(const std::string &path) override {
         const UART_status_cb callbacks = events.callbacks();
         sup_uart_Prepare(&port, &callbacks);
         return sup_uart_Opened(&port, pos_btgpsdemux_open(&port, path.c_str()));
     }
     Peer connect() {
-        service.start();
-        EXPECT_EQ(open_status(service.name()), 0);
+        Peer peer = UnixPortTest::connect();
         EXPECT_EQ(events.taken(), "C");
-        return service.accept();
-    }
-    std::string read_some(unsigned length = 64) {
-        std::string text(length, '\0');
-        const int status = sup_uart_Read_partial(&port, text.data(), &length);
-        return status == 0 ? text.substr(0, length) : "status " + std::to_string(status);
-    }
-    int send(const std::string &text) {
-        return sup_uart_Send(&port, text.data(), static_cast<unsigned>(text.size()));
-    }
-    void expect_served_by(const Peer &peer) {
-        EXPECT_EQ(send("ping"), 0);
-        EXPECT_EQ(peer.receive(4), "ping");
-        EXPECT_TRUE(peer.send("pong"));
-        EXPECT_EQ(read_some(), "pong");
-        EXPECT_TRUE(service.nobody_waits());
+        return peer;
     }
     void SetUp() override {
-        ReconnectingTest::SetUp();
+        UnixPortTest::SetUp();
         ::signal(SIGPIPE, SIG_IGN);
     }
     void TearDown() override {
-        if (port.magic == UART_MAGIC) {
-            EXPECT_EQ(sup_uart_close(&port), 0);
-        }
+        UnixPortTest::TearDown();
         EXPECT_EQ(events.taken(), "");
         EXPECT_EQ(mutexes_alive, 0);
-        service.stop();
         ::signal(SIGPIPE, SIG_DFL);
-        ReconnectingTest::TearDown();
     }
 };
 
@@ -100,11 +77,7 @@ TEST_F(BtgpsdemuxTest, PathsReachTheirService) {
         ASSERT_EQ(open_status(path), 0);
         EXPECT_EQ(events.taken(), "C");
         EXPECT_EQ(port.flags & 3u, 1u);
-        const Peer peer = named.accept();
-        EXPECT_EQ(send("to"), 0);
-        EXPECT_EQ(peer.receive(2), "to");
-        EXPECT_TRUE(peer.send("fro"));
-        EXPECT_EQ(read_some(), "fro");
+        expect_served_by(named.accept(), named);
         EXPECT_EQ(sup_uart_close(&port), 0);
         EXPECT_EQ(sup_uart_close(&port), 0); // by mistake
         EXPECT_EQ(port.fd, -1);
@@ -120,23 +93,21 @@ TEST_F(BtgpsdemuxTest, RefusesWhatItIsNotGiven) {
     EXPECT_EQ(mutexes_alive, 0);
 }
 
-struct OpeningFault {
-    kiv_sim_call call;
-    unsigned nth;
-    int error;
-    const char *text; // of the trace, if there is one
-};
-
 // The mutex is refused where no call is: see the last row.
 TEST_F(BtgpsdemuxTest, AFailedStepOfTheOpeningLeavesNothing) {
-    const OpeningFault faults[] = {
+    const struct {
+        kiv_sim_call call;
+        unsigned nth;
+        int error;
+        const char *text; // of the trace, if there is one
+    } faults[] = {
         {KIV_SIM_CALLOC, 1, ENOMEM, nullptr},
         {KIV_SIM_SOCKET, 1, EMFILE, "UART_infos->fd = socket(1, SOCK_STREAM, 0)"},
         {KIV_SIM_SOCKET, 2, ENFILE, "fd = socket(1, SOCK_STREAM, 0)"},
         {KIV_SIM_CALL_KINDS, 1, 77, nullptr},
     };
     service.start();
-    for (const OpeningFault &fault : faults) {
+    for (const auto &fault : faults) {
         SCOPED_TRACE(fault.error);
         if (fault.call == KIV_SIM_CALL_KINDS) {
             mutex_init_status = fault.error;
@@ -181,8 +152,7 @@ TEST_F(BtgpsdemuxTest, AFailedTransferIsMadeOnTheNextConnection) {
         SCOPED_TRACE(error);
         for (const kiv_sim_call call : {KIV_SIM_READ, KIV_SIM_WRITE}) {
             SCOPED_TRACE(kiv_sim_call_name(call));
-            ASSERT_EQ(error == 0 ? kiv_sim_answer(call, 1, 1, 0) : kiv_sim_fail(call, 1, 1, error), 0);
-            ++other_faults;
+            fail_next(call, error);
             AsyncRead text([&] {
                 return call == KIV_SIM_READ ? read_some() : "status " + std::to_string(send("again"));
             });
@@ -294,33 +264,11 @@ TEST_F(BtgpsdemuxTest, ALossSeenByBothMakesTwoConnections) {
     }
 }
 
-// The service restarts again and again under a reader and a writer. The reader comes back with what the new
-// service sends, and the callbacks come in pairs.
+// The callbacks come in pairs.
 TEST_F(BtgpsdemuxTest, AReaderOutlivesItsService) {
     constexpr int restarts = 500;
-    Peer peer = connect();
-    std::atomic<int> last{0};
-    std::thread reader([&] {
-        for (int expected = 1; expected <= restarts; ++expected) {
-            int number = 0;
-            unsigned length = sizeof number;
-            if (sup_uart_Read(&port, &number, &length) != 0 || number != expected)
-                ADD_FAILURE() << "read " << number << " instead of " << expected;
-            last = expected;
-            last.notify_all();
-        }
-    });
-    for (int number = 1; number <= restarts; ++number) {
-        service.stop(); // first, or the port connects again to the service that is about to go
-        peer.close();
-        service.start();
-        peer = service.accept();
-        EXPECT_TRUE(peer.send(std::string(reinterpret_cast<const char *>(&number), sizeof number)));
-        last.wait(number - 1);
-    }
-    reader.join();
-    expect_served_by(peer);
-    std::string pairs;
+    outlive_the_service(restarts);
+    std::string pairs = "C";
     for (int i = 0; i < restarts; ++i)
         pairs += "DC";
     EXPECT_EQ(events.taken(), pairs);

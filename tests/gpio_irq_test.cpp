@@ -56,15 +56,20 @@ TEST_F(GpioIrq, WaitsForTheEdgesOfItsMode) {
         unsigned mode;
         int before, after;
     } rows[] = {{KIV_SIM_EDGE_RISING, 0, 1}, {KIV_SIM_EDGE_FALLING, 1, 0}, {KIV_SIM_EDGE_BOTH, 0, 1}};
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 2, EINTR), 0); // it goes on
     for (const auto &row : rows) {
         ASSERT_EQ(kiv_sim_pin_drive(8, row.before), 0);
         open(8, row.mode);
         std::thread waiter([this] { EXPECT_EQ(kiv_gpio_irq_wait(&irq_), 0); });
         wait_for_waiter(8);
+        kiv_sim_pin_state state;
+        EXPECT_EQ(kiv_sim_pin_inspect(8, &state), 0);
+        EXPECT_EQ(state.irq_mode, static_cast<int>(row.mode));
         EXPECT_EQ(kiv_sim_pin_drive(8, row.after), 0);
         waiter.join();
         EXPECT_EQ(kiv_gpio_irq_close(&irq_), 0);
     }
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 5u);
     irq_.fd = -1;
 }
 
@@ -78,12 +83,6 @@ TEST_F(GpioIrq, MissingDeviceLeavesTheHandleAlone) {
                                  "*fd = ({ int __ret; while((__ret = (open(\"/dev/gpio\", 02))) == -1 && "
                                  "(*__errno_location ()) == 4); __ret;})",
                                  ENOENT));
-}
-
-TEST_F(GpioIrq, OpeningGoesOnAfterSignals) {
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 2, EINTR), 0);
-    open(8);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 3u);
 }
 
 // The descriptor stays with the handle.
@@ -103,17 +102,6 @@ TEST_F(GpioIrq, RefusedInterruptIsReleasedByItsCloser) {
         EXPECT_EQ(kiv_gpio_irq_close(&refused), 0);
         EXPECT_EQ(open_descriptors().count(refused.fd), 0u);
     }
-}
-
-TEST_F(GpioIrq, ModeIsPassedOnAsItIs) {
-    for (const unsigned mode : {KIV_SIM_EDGE_RISING, KIV_SIM_EDGE_FALLING, KIV_SIM_EDGE_BOTH}) {
-        open(8, mode);
-        kiv_sim_pin_state state;
-        ASSERT_EQ(kiv_sim_pin_inspect(8, &state), 0);
-        EXPECT_EQ(state.irq_mode, static_cast<int>(mode));
-        EXPECT_EQ(kiv_gpio_irq_close(&irq_), 0);
-    }
-    irq_.fd = -1;
 }
 
 TEST_F(GpioIrq, SignalEndsTheWait) {

@@ -18,15 +18,12 @@ namespace {
 
 const char module[] = "linux/gpio";
 
-const std::string set_direction_text =
-    "ret = ioctl(gpio_fd, (((1U) << (((0+8)+8)+14)) | ((('p')) << (0+8)) | (((0)) << 0) | "
-    "((((sizeof(struct gpio_direction)))) << ((0+8)+8))), &dir)";
-const std::string get_level_text =
-    "ret = ioctl(gpio_fd, (((2U|1U) << (((0+8)+8)+14)) | ((('p')) << (0+8)) | (((1)) << 0) | "
-    "((((sizeof(struct gpio_data)))) << ((0+8)+8))), &data)";
-const std::string set_level_text =
-    "ret = ioctl(gpio_fd, (((1U) << (((0+8)+8)+14)) | ((('p')) << (0+8)) | (((2)) << 0) | "
-    "((((sizeof(struct gpio_data)))) << ((0+8)+8))), &data)";
+// The statement of a request: its direction, its number and its argument.
+std::string requested(const std::string &direction, const std::string &number, const std::string &type) {
+    return "ret = ioctl(gpio_fd, (((" + direction + ") << (((0+8)+8)+14)) | ((('p')) << (0+8)) | (((" +
+           number + ")) << 0) | ((((sizeof(struct gpio_" + type + ")))) << ((0+8)+8))), &" +
+           (type == "data" ? "data)" : "dir)");
+}
 
 // The statement of a call that is repeated after a signal.
 std::string repeated(const std::string &left_side, const std::string &call) {
@@ -81,19 +78,14 @@ void expect_all(const std::vector<Operation> &operations, int result) {
 
 // The device ---------------------------------------------------------------------------------------------
 
-TEST_F(Gpio, OpensTheDeviceOnce) {
+TEST_F(Gpio, OpensTheDeviceOnceAndGoesOnAfterSignals) {
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 3, EINTR), 0);
     EXPECT_EQ(kiv_gpio_open(), 0);
     EXPECT_EQ(kiv_gpio_open(), 0);
     kiv_gpio_close();
     EXPECT_EQ(kiv_gpio_open(), 0);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 1u);
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 4u);
     EXPECT_EQ(kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH), 0);
-}
-
-TEST_F(Gpio, NothingWorksBeforeTheOpening) {
-    expect_all(numbered, -1);
-    expect_all(named, -1);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN) + kiv_sim_calls(KIV_SIM_IOCTL), 0u);
 }
 
 TEST_F(Gpio, FailedOpeningLeavesNothingSelected) {
@@ -103,15 +95,12 @@ TEST_F(Gpio, FailedOpeningLeavesNothingSelected) {
         EXPECT_EQ(reports(), Reports({trace(module, "kiv_gpio_dev_open", open_text, error),
                                       warned(module, "kiv_gpio_dev_open")}));
         expect_all(numbered, -1);
+        expect_all(named, -1);
     }
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 3u);
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_IOCTL), 0u);
     EXPECT_EQ(gpio_fd, -1);
     EXPECT_EQ(kiv_gpio_open(), 0);
-}
-
-TEST_F(Gpio, OpeningGoesOnAfterSignals) {
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 3, EINTR), 0);
-    EXPECT_EQ(kiv_gpio_open(), 0);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 4u);
 }
 
 TEST_F(Gpio, ConfiguresReadsAndDrives) {
@@ -127,25 +116,22 @@ TEST_F(Gpio, ConfiguresReadsAndDrives) {
     EXPECT_EQ(kiv_gpio_read(9), 0);
     EXPECT_EQ(kiv_gpio_config(4, KIV_GPIO_INPUT), 0);
     EXPECT_FALSE(pin_state(4).is_output);
-    expect_all(named, -1);
-}
-
-TEST_F(Gpio, UnknownConfigurationIsAnInput) {
-    ASSERT_EQ(kiv_gpio_open(), 0);
-    for (const int value : {7, 3, -1}) {
+    for (const int unknown : {7, 3, -1}) {
         ASSERT_EQ(kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH), 0);
-        EXPECT_EQ(kiv_gpio_config(4, value), 0);
-        EXPECT_FALSE(pin_state(4).is_output) << value;
+        EXPECT_EQ(kiv_gpio_config(4, unknown), 0);
+        EXPECT_FALSE(pin_state(4).is_output) << unknown;
     }
-}
-
-TEST_F(Gpio, AnyLevelButZeroIsHigh) {
-    ASSERT_EQ(kiv_gpio_open(), 0);
     ASSERT_EQ(kiv_sim_pin_drive(5, 1), 0);
     for (const int high : {0x80, -1, 0x40000000}) {
         kiv_sim_gpio_set_high(high);
         EXPECT_EQ(kiv_gpio_read(5), 1) << high;
     }
+    expect_all(named, -1);
+    EXPECT_EQ(reports(), Reports());
+    for (const int pin : {64, -1})
+        EXPECT_EQ(kiv_gpio_config(pin, KIV_GPIO_INPUT), EINVAL);
+    EXPECT_EQ(kiv_gpio_read(64), -1);
+    EXPECT_EQ(reports().size(), 6u);
 }
 
 struct DeviceRow {
@@ -156,11 +142,10 @@ struct DeviceRow {
 };
 
 const std::vector<DeviceRow> device_rows = {
-    {[] { return kiv_gpio_config(4, KIV_GPIO_OUTPUT_LOW); }, "kiv_gpio_dev_config", set_direction_text,
-     false},
-    {[] { return kiv_gpio_read(4); }, "kiv_gpio_dev_read", get_level_text, true},
-    {[] { return kiv_gpio_output_set(4); }, "kiv_gpio_dev_write", set_level_text, false},
-    {[] { return kiv_gpio_output_clear(4); }, "kiv_gpio_dev_write", set_level_text, false},
+    {numbered[0], "kiv_gpio_dev_config", requested("1U", "0", "direction"), false},
+    {numbered[1], "kiv_gpio_dev_read", requested("2U|1U", "1", "data"), true},
+    {numbered[2], "kiv_gpio_dev_write", requested("1U", "2", "data"), false},
+    {numbered[3], "kiv_gpio_dev_write", requested("1U", "2", "data"), false},
 };
 
 // The reports of a refused request at one log level.
@@ -173,50 +158,24 @@ Reports refusal(const DeviceRow &row, int error) {
     return expected;
 }
 
+// Without a reason, -1 is a success of everything that returns an errno value.
 TEST_F(Gpio, RefusedRequestsAreReportedAndNotRepeated) {
     ASSERT_EQ(kiv_gpio_open(), 0);
     for (const int level : {0, 1, 2, 3})
-        for (const int error : {EINTR, EBUSY, ENODEV})
+        for (const int error : {EINTR, EBUSY, ENODEV, 0})
             for (const auto &row : device_rows) {
                 kiv_log_dyn_level_POS = level;
                 const unsigned before = kiv_sim_calls(KIV_SIM_IOCTL);
-                ASSERT_EQ(kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, error), 0);
+                errno = 0;
+                ASSERT_EQ(error == 0 ? kiv_sim_answer(KIV_SIM_IOCTL, 1, 1, -1)
+                                     : kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, error),
+                          0);
                 EXPECT_EQ(row.operation(), row.reads ? -1 : error);
                 EXPECT_EQ(reports(), refusal(row, error)) << "level " << level;
                 EXPECT_EQ(kiv_sim_calls(KIV_SIM_IOCTL), before + 1);
                 kiv_sim_clear_faults();
             }
     EXPECT_EQ(gpio_backend, GPIO_BACKEND_DEV);
-}
-
-// -1 with errno 0 is a success of everything that returns an errno value.
-TEST_F(Gpio, RefusalWithoutAReason) {
-    ASSERT_EQ(kiv_gpio_open(), 0);
-    ASSERT_EQ(kiv_sim_answer(KIV_SIM_IOCTL, 1, KIV_SIM_ALWAYS, -1), 0);
-    for (const auto &row : device_rows) {
-        errno = 0;
-        EXPECT_EQ(row.operation(), row.reads ? -1 : 0);
-        EXPECT_EQ(reports(), refusal(row, 0));
-    }
-}
-
-TEST_F(Gpio, WhatTheChipRefuses) {
-    ASSERT_EQ(kiv_gpio_open(), 0);
-    ASSERT_EQ(kiv_sim_pin_claim(7, 1), 0);
-    const struct {
-        Operation operation;
-        int status;
-    } rows[] = {
-        {[] { return kiv_gpio_config(64, KIV_GPIO_INPUT); }, EINVAL},
-        {[] { return kiv_gpio_config(-1, KIV_GPIO_INPUT); }, EINVAL},
-        {[] { return kiv_gpio_config(7, KIV_GPIO_INPUT); }, EBUSY},
-        {[] { return kiv_gpio_output_set(6); }, EPERM}, // an input
-        {[] { return kiv_gpio_read(64); }, -1},
-    };
-    for (const auto &row : rows) {
-        EXPECT_EQ(row.operation(), row.status);
-        EXPECT_EQ(reports().size(), 2u);
-    }
 }
 
 TEST_F(Gpio, PinsServeManyThreads) {
@@ -265,31 +224,24 @@ std::string with_zero(const std::string &text) {
     return text + '\0';
 }
 
-TEST_F(SysfsGpio, OpeningKeepsTheFiles) {
-    EXPECT_EQ(kiv_gpio_open(), 0);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 0u);
-    EXPECT_EQ(gpio_backend, GPIO_BACKEND_SYSFS);
-}
-
 // Each operation: what it writes, what the pin is then, and that it costs one open, one transfer, one close
 // and no memory.
 TEST_F(SysfsGpio, OneFileAnOperation) {
+    const Operation high = [] { return kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH); };
+    const Operation high_by_name = [] { return kiv_gpio_n_config("led", KIV_GPIO_OUTPUT_HIGH); };
+    const Operation input = [] { return kiv_gpio_config(4, KIV_GPIO_INPUT); };
+    const Operation input_by_name = [] { return kiv_gpio_n_config("led", KIV_GPIO_INPUT); };
     const struct {
         Operation by_number, by_name;
         std::string text;
         bool is_output;
         int level;
     } rows[] = {
-        {[] { return kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH); },
-         [] { return kiv_gpio_n_config("led", KIV_GPIO_OUTPUT_HIGH); }, "high", true, 1},
-        {[] { return kiv_gpio_config(4, KIV_GPIO_OUTPUT_LOW); },
-         [] { return kiv_gpio_n_config("led", KIV_GPIO_OUTPUT_LOW); }, "low", true, 0},
-        {[] { return kiv_gpio_output_set(4); }, [] { return kiv_gpio_n_output_set("led"); }, "1", true, 1},
-        {[] { return kiv_gpio_output_clear(4); }, [] { return kiv_gpio_n_output_clear("led"); }, "0", true,
-         0},
-        {[] { return kiv_gpio_config(4, KIV_GPIO_INPUT); },
-         [] { return kiv_gpio_n_config("led", KIV_GPIO_INPUT); }, "in", false, 0},
+        {high, high_by_name, "high", true, 1},  {numbered[0], named[0], "low", true, 0},
+        {numbered[2], named[2], "1", true, 1},  {numbered[3], named[3], "0", true, 0},
+        {input, input_by_name, "in", false, 0},
     };
+    EXPECT_EQ(kiv_gpio_open(), 0) << "keeps the files";
     unsigned operations = 0;
     for (const auto &row : rows)
         for (const bool by_name : {false, true}) {
@@ -336,22 +288,15 @@ TEST_F(SysfsGpio, WithoutDirectionTheLevelIsDriven) {
     const unsigned before = kiv_sim_calls(KIV_SIM_WRITE);
     EXPECT_EQ(kiv_gpio_n_config("fixed", KIV_GPIO_INPUT), 0);
     EXPECT_EQ(kiv_gpio_n_config("fixed", 7), 0);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_WRITE), before);
-}
-
-TEST_F(SysfsGpio, UnknownConfigurationIsRefused) {
-    EXPECT_EQ(kiv_gpio_config(4, 3), EINVAL);
+    EXPECT_EQ(kiv_gpio_config(4, 3), EINVAL) << "with a direction, only the known ones are taken";
     EXPECT_EQ(kiv_gpio_n_config("led", -1), EINVAL);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_WRITE), 0u);
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_WRITE), before);
 }
 
 // Every system call of every operation fails once.
 TEST_F(SysfsGpio, EachFailureIsTraced) {
-    const Operation set = [] { return kiv_gpio_output_set(4); };
-    const Operation clear = [] { return kiv_gpio_n_output_clear("led"); };
-    const Operation read = [] { return kiv_gpio_read(4); };
+    const Operation &set = numbered[2], &clear = named[3], &read = numbered[1], &low = named[0];
     const Operation input = [] { return kiv_gpio_config(4, KIV_GPIO_INPUT); };
-    const Operation low = [] { return kiv_gpio_n_config("led", KIV_GPIO_OUTPUT_LOW); };
     const Operation high = [] { return kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH); };
     const struct {
         Operation operation;
@@ -427,27 +372,17 @@ TEST_F(SysfsGpio, ShortTransfers) {
         unsigned length;
         int result;
     } rows[] = {
-        {[] { return kiv_gpio_output_set(4); }, KIV_SIM_WRITE, 1, EDOM},
+        {numbered[2], KIV_SIM_WRITE, 1, EDOM},
         {[] { return kiv_gpio_config(4, KIV_GPIO_INPUT); }, KIV_SIM_WRITE, 2, EDOM},
-        {[] { return kiv_gpio_config(4, KIV_GPIO_OUTPUT_LOW); }, KIV_SIM_WRITE, 3, 0},
+        {numbered[0], KIV_SIM_WRITE, 3, 0},
         {[] { return kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH); }, KIV_SIM_WRITE, 4, 0},
-        {[] { return kiv_gpio_read(4); }, KIV_SIM_READ, 0, -1},
+        {numbered[1], KIV_SIM_READ, 0, -1},
     };
     for (const auto &row : rows) {
         ASSERT_EQ(kiv_sim_shorten(row.call, 1, 1, row.length), 0);
         errno = EDOM;
         EXPECT_EQ(row.operation(), row.result) << row.length;
     }
-}
-
-TEST_F(SysfsGpio, WhatTheKernelRefuses) {
-    EXPECT_EQ(kiv_gpio_output_set(4), EPERM); // an input
-    EXPECT_EQ(kiv_gpio_n_output_set("nobody"), ENOENT);
-    EXPECT_EQ(kiv_gpio_read(-1), -1);
-    EXPECT_EQ(reports(),
-              Reports({trace(module, "kiv_gpio_sysfs_write", repeated("rc = ", "write(fd,\"1\",2)"), EPERM),
-                       trace(module, "kiv_gpio_sysfs_write", repeated("rc = ", "open(strbuf,01)"), ENOENT),
-                       trace(module, "kiv_gpio_sysfs_read", repeated("rc = ", "open(strbuf,00)"), ENOENT)}));
 }
 
 // Paths have 49 characters at most; what is there under the cut path is used.
@@ -466,14 +401,6 @@ TEST_F(SysfsGpio, LongPathsAreCut) {
     EXPECT_EQ(kiv_gpio_n_config(shorter.c_str(), KIV_GPIO_INPUT), 0); // no "direct"
     EXPECT_EQ(kiv_gpio_n_read(shorter.c_str()), 0);
     EXPECT_EQ(written(shorter.c_str()), "");
-}
-
-TEST_F(SysfsGpio, InterruptsDoNotDependOnIt) {
-    kiv_gpio_irq_device irq = {-1, -1};
-    EXPECT_EQ(kiv_gpio_irq_open(&irq, 8, KIV_SIM_EDGE_RISING), 0);
-    ASSERT_EQ(kiv_sim_pin_drive(8, 1), 0);
-    EXPECT_EQ(kiv_gpio_irq_wait(&irq), 0);
-    EXPECT_EQ(kiv_gpio_irq_close(&irq), 0);
 }
 
 } // namespace

@@ -19,6 +19,8 @@ constexpr std::uint8_t group[] = {0x03, 0x11, 0x22, 0x33, 0x44, 0xaf};
 constexpr std::uint16_t experimental = 0x88b5; // the kernel sends none of its own
 constexpr int untouched = -77;
 
+const Reports on_net_tun = {logged(3, "bnep device is /dev/net/tun\n")};
+const Reports refused_name = {logged(1, "TAP: failed to set BNEP name\n")};
 const Bytes station_bytes(station, station + sizeof station);
 
 class Tap : public LoggedBoardTest {
@@ -34,7 +36,7 @@ class Tap : public LoggedBoardTest {
     void open_up(const char *name) {
         ASSERT_EQ(kiv_eth_open(&fd_, name, station), 0);
         ASSERT_EQ(kiv_sim_tap_set_up(name, 1), 0);
-        EXPECT_EQ(reports(), Reports({logged(3, "bnep device is /dev/net/tun\n")}));
+        EXPECT_EQ(reports(), on_net_tun);
     }
 };
 
@@ -62,40 +64,14 @@ struct Opening {
     Reports information, failures; // levels 3 and 1
 };
 
+constexpr auto present = KIV_SIM_TUN_PRESENT, absent = KIV_SIM_TUN_ABSENT, forbidden = KIV_SIM_TUN_FORBIDDEN;
+
 const Opening openings[] = {
-    {"first",
-     KIV_SIM_TUN_PRESENT,
-     KIV_SIM_TUN_PRESENT,
-     station,
-     0,
-     1,
-     {logged(3, "bnep device is /dev/net/tun\n")},
-     {}},
-    {"second",
-     KIV_SIM_TUN_ABSENT,
-     KIV_SIM_TUN_PRESENT,
-     station,
-     0,
-     2,
-     {logged(3, "bnep device is /dev/tun\n")},
-     {}},
-    {"neither", KIV_SIM_TUN_ABSENT, KIV_SIM_TUN_ABSENT, station, -19, 2, {}, {}},
-    {"a refused name ends it",
-     KIV_SIM_TUN_FORBIDDEN,
-     KIV_SIM_TUN_PRESENT,
-     station,
-     -19,
-     1,
-     {logged(3, "bnep device is /dev/net/tun\n")},
-     {logged(1, "TAP: failed to set BNEP name\n")}},
-    {"a refused address",
-     KIV_SIM_TUN_PRESENT,
-     KIV_SIM_TUN_ABSENT,
-     group,
-     -19,
-     1,
-     {logged(3, "bnep device is /dev/net/tun\n")},
-     refused_address("03 11 22 33 44 AF ")},
+    {"first", present, present, station, 0, 1, on_net_tun, {}},
+    {"second", absent, present, station, 0, 2, {logged(3, "bnep device is /dev/tun\n")}, {}},
+    {"neither", absent, absent, station, -19, 2, {}, {}},
+    {"a refused name ends it", forbidden, present, station, -19, 1, on_net_tun, refused_name},
+    {"a refused address", present, absent, group, -19, 1, on_net_tun, refused_address("03 11 22 33 44 AF ")},
 };
 
 TEST_F(Tap, OpensTheFirstDeviceThatThereIsAndReportsByLevel) {
@@ -125,13 +101,9 @@ TEST_F(Tap, OpensTheFirstDeviceThatThereIsAndReportsByLevel) {
 
 TEST_F(Tap, GivesNothingButMinusNineteenWhateverStepFails) {
     const struct {
-        kiv_sim_call call;
         unsigned long request;
         Reports failures;
-    } rows[] = {
-        {KIV_SIM_IOCTL, 0x400454ca, {logged(1, "TAP: failed to set BNEP name\n")}},
-        {KIV_SIM_IOCTL, 0x8924, refused_address("02 11 22 33 44 AF ")},
-    };
+    } rows[] = {{0x400454ca, refused_name}, {0x8924, refused_address("02 11 22 33 44 AF ")}};
     kiv_sim_fail(KIV_SIM_OPEN, 1, 2, EMFILE);
     EXPECT_EQ(kiv_eth_open(&fd_, "kiv0", station), -19);
     EXPECT_EQ(reports(), Reports());
@@ -139,7 +111,7 @@ TEST_F(Tap, GivesNothingButMinusNineteenWhateverStepFails) {
         for (const int error : {EPERM, EBUSY, EINTR, ENOMEM}) {
             kiv_sim_fail_ioctl(row.request, 1, 1, error);
             EXPECT_EQ(kiv_eth_open(&fd_, "kiv0", station), -19);
-            EXPECT_EQ(reports(), joined({logged(3, "bnep device is /dev/net/tun\n")}, row.failures));
+            EXPECT_EQ(reports(), joined(on_net_tun, row.failures));
         }
     EXPECT_EQ(fd_, untouched);
 }
@@ -151,8 +123,8 @@ TEST_F(Tap, CutsLongNamesAndRefusesTakenOnes) {
     kiv_sim_tap_inspect("abcdefghijklmno", &state);
     EXPECT_EQ(state.exists, 1);
     EXPECT_EQ(kiv_eth_open(&second, "abcdefghijklmnoX", station), -19);
-    const std::string opened = logged(3, "bnep device is /dev/net/tun\n");
-    EXPECT_EQ(reports(), Reports({opened, opened, logged(1, "TAP: failed to set BNEP name\n")}));
+    const std::string &opened = on_net_tun[0];
+    EXPECT_EQ(reports(), Reports({opened, opened, refused_name[0]}));
 
     kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EIO);
     errno = 0;
@@ -189,12 +161,10 @@ TEST_F(Tap, SplitsEachFrameIntoHeaderAndPayload) {
 
 TEST_F(Tap, WritesHeaderAndPayloadAsOneFrame) {
     open_up("kiv0");
-    for (const std::size_t length : {14u, 15u, 60u, 1514u}) {
-        const Bytes frame = frame_of(length, experimental);
-        const int payload = static_cast<int>(length) - KIV_ETH_HEADER_SIZE;
-        EXPECT_EQ(kiv_eth_write(&fd_, frame.data(), frame.data() + KIV_ETH_HEADER_SIZE,
-                                static_cast<unsigned>(payload)),
-                  payload);
+    for (const unsigned payload : {0u, 1u, 46u, 1500u}) {
+        const Bytes frame = frame_of(KIV_ETH_HEADER_SIZE + payload, experimental);
+        EXPECT_EQ(kiv_eth_write(&fd_, frame.data(), frame.data() + KIV_ETH_HEADER_SIZE, payload),
+                  static_cast<int>(payload));
         Bytes got(2000);
         got.resize(kiv_sim_tap_receive("kiv0", got.data(), got.size()));
         EXPECT_EQ(got, frame);
@@ -269,8 +239,8 @@ TEST_F(KernelTap, IsAnInterfaceWithTheGivenNameAndAddress) {
     EXPECT_EQ(kiv_eth_open(&refused, "kivtap0", station), -19);
     EXPECT_EQ(kiv_eth_open(&refused, "other", group), -19);
     EXPECT_EQ(hardware_address("other"), Bytes());
-    const std::string opened = logged(3, "bnep device is /dev/net/tun\n");
-    EXPECT_EQ(reports(), joined({opened, opened, opened, logged(1, "TAP: failed to set BNEP name\n"), opened},
+    const std::string &opened = on_net_tun[0];
+    EXPECT_EQ(reports(), joined({opened, opened, opened, refused_name[0], opened},
                                 refused_address("03 11 22 33 44 AF ")));
     EXPECT_EQ(refused, untouched);
     EXPECT_EQ(kiv_eth_close(&long_name), 0);

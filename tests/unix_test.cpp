@@ -5,8 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "fixtures/reconnecting.h"
-#include "kiv/transports.h"
+#include "fixtures/unix_port.h"
 
 using namespace kiv::test;
 
@@ -16,44 +15,12 @@ constexpr char module[] = "posix/linux_uart_unix";
 
 int callbacks_called = 0;
 
-class UnixTest : public ReconnectingTest {
+class UnixTest : public UnixPortTest {
   protected:
-    UnixService service{own_name("unix")};
-    UART_infos port{};
-
-    int open_status(const std::string &name) {
+    int open_status(const std::string &name) override {
         return sup_uart_Init2(&port, ("unix:" + name).c_str(), 0, 0, nullptr);
     }
     int fd() const { return __atomic_load_n(&port.fd, __ATOMIC_RELAXED); }
-    // Starts the service and opens the port on it.
-    Peer connect() {
-        service.start();
-        EXPECT_EQ(open_status(service.name()), 0);
-        return service.accept();
-    }
-    std::string read_some(unsigned length = 64) {
-        std::string text(length, '\0');
-        const int status = sup_uart_Read_partial(&port, text.data(), &length);
-        return status == 0 ? text.substr(0, length) : "status " + std::to_string(status);
-    }
-    int send(const std::string &text) {
-        return sup_uart_Send(&port, text.data(), static_cast<unsigned>(text.size()));
-    }
-    // Bytes pass both ways, on this connection and no other.
-    void expect_served_by(const Peer &peer) {
-        EXPECT_EQ(send("ping"), 0);
-        EXPECT_EQ(peer.receive(4), "ping");
-        EXPECT_TRUE(peer.send("pong"));
-        EXPECT_EQ(read_some(), "pong");
-        EXPECT_TRUE(service.nobody_waits());
-    }
-    void TearDown() override {
-        if (port.magic == UART_MAGIC) {
-            EXPECT_EQ(sup_uart_close(&port), 0);
-        }
-        service.stop();
-        ReconnectingTest::TearDown();
-    }
 };
 
 // Opening -----------------------------------------------------------------------------------------------
@@ -68,11 +35,7 @@ TEST_F(UnixTest, NamesReachTheirService) {
         named.start();
         ASSERT_EQ(open_status(name), 0);
         EXPECT_EQ(port.flags & 3u, 1u);
-        const Peer peer = named.accept();
-        EXPECT_EQ(send("to"), 0);
-        EXPECT_EQ(peer.receive(2), "to");
-        EXPECT_TRUE(peer.send("fro"));
-        EXPECT_EQ(read_some(), "fro");
+        expect_served_by(named.accept(), named);
         EXPECT_EQ(sup_uart_close(&port), 0);
     }
 }
@@ -86,14 +49,12 @@ TEST_F(UnixTest, RefusesWhatItIsNotGiven) {
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_SOCKET), 0u);
 }
 
-struct OpeningFault {
-    kiv_sim_call call;
-    int error;
-    const char *text; // of the trace, if there is one
-};
-
 TEST_F(UnixTest, AFailedStepOfTheOpeningLeavesNothing) {
-    const OpeningFault faults[] = {
+    const struct {
+        kiv_sim_call call;
+        int error;
+        const char *text; // of the trace, if there is one
+    } faults[] = {
         {KIV_SIM_SOCKET, EMFILE, "UART_infos->fd= socket(1, SOCK_STREAM, 0)"},
         {KIV_SIM_SETSOCKOPT, ENOPROTOOPT, "ret = setsockopt(UART_infos->fd, 1, 2, &opt, sizeof(opt))"},
         {KIV_SIM_CALLOC, ENOMEM, nullptr},
@@ -102,12 +63,11 @@ TEST_F(UnixTest, AFailedStepOfTheOpeningLeavesNothing) {
     // The module's mutex exists from here on.
     ASSERT_EQ(open_status(service.name()), 0);
     ASSERT_EQ(sup_uart_close(&port), 0);
-    for (const OpeningFault &fault : faults) {
+    for (const auto &fault : faults) {
         SCOPED_TRACE(kiv_sim_call_name(fault.call));
         if (kiv_sim_reaches(fault.call) == 0)
             continue; // a sanitizer's allocator
-        ASSERT_EQ(kiv_sim_fail(fault.call, 1, 1, fault.error), 0);
-        ++other_faults;
+        fail_next(fault.call, fault.error);
         const auto before = open_descriptors();
         EXPECT_EQ(open_status(service.name()), fault.error);
         EXPECT_EQ(open_descriptors(), before);
@@ -153,19 +113,14 @@ TEST_F(UnixTest, TheServiceMayComeLater) {
 // Which call fails how. Reads go on with the next connection, writes drop what they have: neither fails, and
 // nobody is told.
 TEST_F(UnixTest, AFailedTransferEndsItsConnection) {
-    const int read_errors[] = {EINTR, ECONNRESET, EBADF, 0};
-    const int send_errors[] = {EPIPE, ECONNRESET, EINTR, 0};
     UART_status_cb callbacks = {};
     callbacks.connected = callbacks.disconnected = [](UART_infos *, void *) { ++callbacks_called; };
     service.start();
     ASSERT_EQ(sup_uart_Init2(&port, ("unix:" + service.name()).c_str(), 0, 0, &callbacks), 0);
     Peer peer = service.accept();
-    for (const int error : read_errors) {
+    for (const int error : {EINTR, ECONNRESET, EBADF, 0}) {
         SCOPED_TRACE(error);
-        auto fail =
-            error == 0 ? kiv_sim_answer(KIV_SIM_READ, 1, 1, 0) : kiv_sim_fail(KIV_SIM_READ, 1, 1, error);
-        ASSERT_EQ(fail, 0);
-        ++other_faults;
+        fail_next(KIV_SIM_READ, error);
         AsyncRead text([this] { return read_some(); });
         Peer next = service.accept();
         EXPECT_EQ(peer.receive(1), "") << "the old connection is still open";
@@ -173,12 +128,9 @@ TEST_F(UnixTest, AFailedTransferEndsItsConnection) {
         EXPECT_EQ(text.get(), "next");
         peer = std::move(next);
     }
-    for (const int error : send_errors) {
+    for (const int error : {EPIPE, ECONNRESET, EINTR, 0}) {
         SCOPED_TRACE(error);
-        auto fail =
-            error == 0 ? kiv_sim_answer(KIV_SIM_SEND, 1, 1, 0) : kiv_sim_fail(KIV_SIM_SEND, 1, 1, error);
-        ASSERT_EQ(fail, 0);
-        ++other_faults;
+        fail_next(KIV_SIM_SEND, error);
         EXPECT_EQ(send("dropped"), 0);
         EXPECT_EQ(peer.receive(1), "");
         EXPECT_EQ(send("taken"), 0);
@@ -209,9 +161,8 @@ TEST_F(UnixTest, AReconnectionThatFailsIsTriedAgain) {
         // A write tries once.
         kiv_sim_clear_faults();
         skip_pauses();
-        ASSERT_EQ(kiv_sim_fail(KIV_SIM_SEND, 1, 1, EPIPE), 0);
-        ASSERT_EQ(kiv_sim_fail(call, 1, 1, EMFILE), 0);
-        other_faults += 2;
+        fail_next(KIV_SIM_SEND, EPIPE);
+        fail_next(call, EMFILE);
         EXPECT_EQ(send("lost"), 0);
         EXPECT_EQ(send("lost too"), 0);
         EXPECT_EQ(send("sent"), 0);
@@ -269,6 +220,10 @@ TEST_F(UnixTest, ANumberThatWasLostIsNotTouchedAgain) {
     ::close(another);
 }
 
+TEST_F(UnixTest, AReaderOutlivesItsService) {
+    outlive_the_service(500);
+}
+
 // Several threads ---------------------------------------------------------------------------------------
 
 // A reader has seen its connection fail, and before it can say so, a writer has made the next one under the
@@ -323,8 +278,7 @@ TEST_F(UnixTest, ABlockedReaderFollowsTheWriter) {
     const unsigned reads = kiv_sim_calls(KIV_SIM_READ);
     AsyncRead text([this] { return read_some(); });
     text.wait_blocked(reads + 1);
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_SEND, 1, 1, EPIPE), 0);
-    other_faults = 1;
+    fail_next(KIV_SIM_SEND, EPIPE);
     EXPECT_EQ(send("lost"), 0);
     const Peer next = service.accept();
     EXPECT_EQ(peer.receive(1), "");
@@ -364,33 +318,6 @@ TEST_F(UnixTest, ALossSeenByBothMakesOneConnection) {
     over = true;
     peer.close(); // the writer may be blocked
     writer.join();
-}
-
-// The service restarts again and again; each time, the reader comes back with what the new one sends.
-TEST_F(UnixTest, AReaderOutlivesItsService) {
-    constexpr int restarts = 500;
-    Peer peer = connect();
-    std::atomic<int> last{0};
-    std::thread reader([&] {
-        for (int expected = 1; expected <= restarts; ++expected) {
-            int number = 0;
-            unsigned length = sizeof number;
-            if (sup_uart_Read(&port, &number, &length) != 0 || number != expected)
-                ADD_FAILURE() << "read " << number << " instead of " << expected;
-            last = expected;
-            last.notify_all();
-        }
-    });
-    for (int number = 1; number <= restarts; ++number) {
-        service.stop(); // first, or the port connects again to the service that is about to go
-        peer.close();
-        service.start();
-        peer = service.accept();
-        EXPECT_TRUE(peer.send(std::string(reinterpret_cast<const char *>(&number), sizeof number)));
-        last.wait(number - 1);
-    }
-    reader.join();
-    expect_served_by(peer);
 }
 
 } // namespace
