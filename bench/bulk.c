@@ -11,6 +11,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -58,6 +59,7 @@ struct ends {
     struct straight_tty *tty;
     struct straight_stream stream;
     sup_mutex_t lock;
+    int socket; /* the floor of a Unix port, which takes no lock; -1 for the others */
 };
 
 static void open_tty(struct ends *ends, int use_library) {
@@ -91,12 +93,29 @@ static void open_tcp(struct ends *ends, int use_library) {
     }
 }
 
+static void open_unix(struct ends *ends, int use_library) {
+    const struct sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = "\0kiv-bulk"};
+    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    must(bind(listener, (const struct sockaddr *)&address, sizeof address) == 0 && listen(listener, 1) == 0,
+         "listen");
+    if (use_library) {
+        must(sup_uart_Init(&ends->port, "unix:@kiv-bulk", 0, 0) == 0, "sup_uart_Init");
+    } else {
+        ends->socket = socket(AF_UNIX, SOCK_STREAM, 0);
+        must(connect(ends->socket, (const struct sockaddr *)&address, sizeof address) == 0, "connect");
+    }
+    must((ends->peer = accept(listener, NULL, NULL)) >= 0, "accept");
+    close(listener);
+}
+
 static void close_ends(struct ends *ends, int use_library) {
     close(ends->peer);
     if (use_library)
         sup_uart_close(&ends->port);
     else if (ends->tty != NULL)
         straight_tty_close(ends->tty);
+    else if (ends->socket >= 0)
+        close(ends->socket);
     else
         close(ends->stream.fd);
 }
@@ -104,6 +123,11 @@ static void close_ends(struct ends *ends, int use_library) {
 static int read_block(struct ends *ends, int use_library, unsigned int *length) {
     if (use_library)
         return sup_uart_Read_partial(&ends->port, data, length);
+    if (ends->socket >= 0) {
+        const ssize_t count = read(ends->socket, data, *length);
+        *length = count > 0 ? (unsigned int)count : 0;
+        return count <= 0;
+    }
     return ends->tty != NULL ? straight_tty_read_partial(ends->tty, data, length)
                              : straight_stream_read_partial(&ends->stream, data, length);
 }
@@ -111,6 +135,8 @@ static int read_block(struct ends *ends, int use_library, unsigned int *length) 
 static int send_block(struct ends *ends, int use_library, unsigned int length) {
     if (use_library)
         return sup_uart_Send(&ends->port, data, length);
+    if (ends->socket >= 0)
+        return straight_socket_send(ends->socket, data, length);
     return ends->tty != NULL ? straight_tty_send(ends->tty, data, length)
                              : straight_stream_send(&ends->stream, data, length);
 }
@@ -118,6 +144,7 @@ static int send_block(struct ends *ends, int use_library, unsigned int length) {
 static double transfer(void (*open_ends)(struct ends *, int), int use_library, int reads, size_t total) {
     struct ends ends;
     memset(&ends, 0, sizeof ends);
+    ends.socket = -1;
     open_ends(&ends, use_library);
     const pid_t peer = start_peer(ends.peer, reads, total);
     const double before = cpu();
@@ -145,10 +172,8 @@ int main(int argc, char **argv) {
         void (*open_ends)(struct ends *, int);
         int reads;
         size_t scale; /* a pseudo-terminal is slower than a socket */
-    } rows[] = {{"tty read", open_tty, 1, 1},
-                {"tty send", open_tty, 0, 1},
-                {"tcp read", open_tcp, 1, 8},
-                {"tcp send", open_tcp, 0, 8}};
+    } rows[] = {{"tty read", open_tty, 1, 1}, {"tty send", open_tty, 0, 1},   {"tcp read", open_tcp, 1, 8},
+                {"tcp send", open_tcp, 0, 8}, {"unix read", open_unix, 1, 8}, {"unix send", open_unix, 0, 8}};
     const int rounds = argc > 1 ? atoi(argv[1]) : 15;
     const size_t megabytes = argc > 2 ? (size_t)atoi(argv[2]) : 16;
     must(rounds > 0 && rounds <= 1000 && megabytes > 0, "usage: bulk [ROUNDS [MEGABYTES]]");
