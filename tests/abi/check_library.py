@@ -50,7 +50,8 @@ def declared_names(args):
 
 def check_exports(args):
     in_map = map_names(args)
-    exported = {name for name, section, _ in dynamic_symbols(args) if section not in ("UND", "ABS")}
+    exported = {name for name, section, binding in dynamic_symbols(args)
+                if section not in ("UND", "ABS") and binding != "LOCAL"}
     return expect_equal("exports", exported, in_map, "the library", "the map") + expect_equal(
         "exports", declared_names(args), in_map, "the public headers", "the map")
 
