@@ -7,6 +7,10 @@ set(KIV_SANITIZE "" CACHE STRING "Sanitizers for everything, for example address
 if(KIV_SANITIZE)
   add_compile_options(-fsanitize=${KIV_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${KIV_SANITIZE})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    # These two want run-time type information, which the libraries are built without.
+    add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-fno-sanitize=function,vptr>)
+  endif()
 endif()
 
 option(KIV_FUZZ "Build the fuzzers instead of the tests (needs clang)" OFF)

@@ -32,8 +32,8 @@ static int show(int pin, int high) {
 }
 
 int main(int argc, char **argv) {
-    const int pin = argc > 1 ? atoi(argv[1]) : 3;
-    const int times = argc > 2 ? atoi(argv[2]) : 5;
+    const int pin = argc > 1 ? (int)strtol(argv[1], NULL, 10) : 3;
+    const int times = argc > 2 ? (int)strtol(argv[2], NULL, 10) : 5;
     int status = kiv_gpio_open();
     int i;
     if (status != 0)

@@ -58,8 +58,8 @@ static int press(int output, int button) {
 
 int main(int argc, char **argv) {
     static kiv_gpio_irq_device button = {-1, -1};
-    const int output = argc > 1 ? atoi(argv[1]) : 3;
-    const int pin = argc > 2 ? atoi(argv[2]) : 4;
+    const int output = argc > 1 ? (int)strtol(argv[1], NULL, 10) : 3;
+    const int pin = argc > 2 ? (int)strtol(argv[2], NULL, 10) : 4;
     pthread_t waiter;
     int status = kiv_gpio_open();
     if (status == 0)

@@ -33,9 +33,10 @@ Reports traced_and_warned(const std::string &function, const std::string &text, 
 }
 
 unsigned all_calls() {
-    unsigned sum = 0;
-    for (int call = 0; call < KIV_SIM_CALL_KINDS; ++call)
-        sum += kiv_sim_calls(static_cast<kiv_sim_call>(call));
+    unsigned sum = 0; // a sanitizer's run time has calls of its own, but none of these
+    for (const kiv_sim_call call : {KIV_SIM_OPEN, KIV_SIM_CLOSE, KIV_SIM_READ, KIV_SIM_WRITE, KIV_SIM_IOCTL,
+                                    KIV_SIM_POLL, KIV_SIM_SELECT, KIV_SIM_MALLOC, KIV_SIM_CALLOC})
+        sum += kiv_sim_calls(call);
     return sum;
 }
 
