@@ -34,7 +34,11 @@ inline void attach(UART_infos &port, const transport_slots &slots) noexcept {
 inline void set_listener(UART_infos &port, int fd) noexcept {
     port.fd_listen = fd;
     if (fd == 0)
-        port.flags |= listener_is_zero;
+        __atomic_store_n(&port.flags, port.flags | listener_is_zero, __ATOMIC_RELAXED);
+}
+inline void clear_listener(UART_infos &port) noexcept {
+    port.fd_listen = 0;
+    __atomic_store_n(&port.flags, port.flags & ~listener_is_zero, __ATOMIC_RELAXED);
 }
 inline bool owns_listener(const UART_infos &port) noexcept {
     return port.fd_listen > 0 || (port.flags & listener_is_zero) != 0;

@@ -57,17 +57,26 @@ KIV_COLD int unix_reconnect(UART_infos &port) {
         return -1;
     kiv::unique_fd fresh(kiv::unix_socket());
     if (fresh.get() == -1 || allow_reuse(fresh.get()) == -1 ||
-        kiv::connect_unix(fresh.get(), *static_cast<const sockaddr_un *>(port.priv)) == -1)
+        kiv::connect_unix(fresh.get(), *static_cast<const sockaddr_un *>(port.priv)) == -1 ||
+        ::dup2(fresh.get(), port.fd_listen) == -1)
         return -1;
-    kiv::begin_connection(port, fresh.release());
+    const int number = port.fd_listen;
+    kiv::clear_listener(port);
+    kiv::begin_connection(port, number);
     return 0;
 }
 
-// Ends the connection on which a call has failed, unless that has been done already.
+// Ends the connection on which a call has failed, unless that has been done already. Its number stays the
+// port's, in fd_listen, until the next connection takes it over in one step: a thread that is late with it
+// finds the end of the old connection or the new one, and never somebody else's descriptor.
 KIV_COLD void lose(UART_infos &port, uint32_t failed) {
     const mutex_hold hold(unix_mutex);
-    if (port.fd >= 0 && kiv::connection_count(port) == failed)
-        kiv::end_connection(port);
+    const int number = port.fd;
+    if (number < 0 || kiv::connection_count(port) != failed)
+        return;
+    kiv::set_current_fd(port, -1);
+    ::shutdown(number, SHUT_RDWR);
+    kiv::set_listener(port, number);
 }
 
 // 3. Data -----------------------------------------------------------------------------------------------
