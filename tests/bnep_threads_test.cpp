@@ -253,8 +253,9 @@ TEST_F(BnepThreads, EndAtTheFirstReadWithoutABuffer) {
 }
 
 // However a thread is ended, and wherever it stands: in its set-up, waiting, reading, delivering, or on its
-// way out because the interface has failed.
-void start_and_stop(int run) {
+// way out because the interface has failed. The last is made by a fault of the board, which locks it for a
+// moment: not where threads are stopped for good.
+void start_and_stop(int run, bool may_fail) {
     static std::atomic<unsigned> delivered;
     const unsigned before = delivered;
     ASSERT_EQ(kiv_bnep_set_sender([](void *, std::uint16_t, const std::uint8_t *, std::uint16_t,
@@ -263,10 +264,11 @@ void start_and_stop(int run) {
               0);
     while (run % 4 != 0 && delivered == before)
         ::sched_yield();
-    if (run % 4 == 3)
+    if (may_fail && run % 4 == 3)
         kiv_sim_fail(KIV_SIM_READ, 1, 1, EIO);
     ASSERT_EQ(kiv_bnep_set_sender(nullptr, nullptr), -1);
-    kiv_sim_clear_faults();
+    if (may_fail)
+        kiv_sim_clear_faults();
     const unsigned after = delivered;
     ASSERT_EQ(kiv_bnep_data_available(nullptr, 0, device, 6, device, device), -1);
     ASSERT_EQ(delivered, after);
@@ -277,7 +279,7 @@ TEST_F(BnepThreads, MayBeEndedAtOnceAndNothingIsReleasedTwiceOrLeft) {
     const Traffic traffic;
     for (int i = 0; i < 200; ++i) {
         SCOPED_TRACE(i);
-        ASSERT_NO_FATAL_FAILURE(start_and_stop(i));
+        ASSERT_NO_FATAL_FAILURE(start_and_stop(i, true));
         kiv_sim_tap_state state;
         kiv_sim_tap_inspect("bnep", &state);
         ASSERT_EQ(state.exists, 0);
@@ -309,7 +311,7 @@ TEST_F(BnepThreads, MayBeStoppedAtAnyInstruction) {
     });
     for (int i = 0; i < 100; ++i) {
         SCOPED_TRACE(i);
-        ASSERT_NO_FATAL_FAILURE(start_and_stop(i));
+        ASSERT_NO_FATAL_FAILURE(start_and_stop(i, false));
         ASSERT_EQ(hardware_address("bnep"), Bytes());
     }
     stopped = true;
