@@ -48,8 +48,9 @@ extern KIV_API int kiv_log_dyn_level_uart_bt;
  * opening the file. */
 KIV_API int32_t get_product_name(char *name, uint32_t len);
 
-/* The hexadecimal number of the first line that begins with "Revision" and holds a colon. Returns 0 when
- * there is no such line, no number in it, or no file; 0xFFFFFFFF for a number beyond 32 bits. */
+/* The hexadecimal number of the first line that begins with "Revision" and holds a colon; it is looked for
+ * two characters after the colon. Returns 0 when there is no such line, no number in it, or no file;
+ * 0xFFFFFFFF for a number beyond 32 bits. */
 KIV_API uint32_t get_product_revision(void);
 
 /* FAT attributes ------------------------------------------------------------------------------------ */
