@@ -4,17 +4,14 @@
  *     bnep_bridge listen|connect SOCKET ADDRESS
  *
  * One side listens at the path SOCKET, the other connects. ADDRESS is the side's Bluetooth device address,
- * for example 02:00:00:00:00:01.
- *
- * Makes the interface "bnep" and carries its frames until the other side goes away. Set it up with, for
- * example, `ip address add 10.0.0.1/24 dev bnep` and `ip link set bnep up`. Prints a line for each frame: its
- * direction, its protocol in hexadecimal digits, and the length of its payload.
+ * for example 02:00:00:00:00:01. Makes the interface "bnep" and carries its frames until the other side goes
+ * away; prints for each its direction, its protocol in hexadecimal digits and the length of its payload. Set
+ * the interface up with `ip address add 10.0.0.1/24 dev bnep` and `ip link set bnep up`, for example.
  *
  * On the link each side first sends its address. Then a frame is a record: the length of its payload and its
  * protocol, two bytes each, high byte first; the payload. The Ethernet addresses are always the two devices'.
  */
 #include <fcntl.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -32,8 +29,6 @@ static int radio; /* goes nowhere, until dup2 puts the link under the same numbe
 static void send_frame(void *context, uint16_t protocol, const uint8_t *payload, uint16_t length,
                        int32_t step) {
     static uint8_t record[HEADER + MOST];
-    const uint8_t *at = record;
-    ssize_t count = 0, left = HEADER + length;
     (void)context;
     if (step == KIV_BNEP_FRAME_START) {
         record[2] = (uint8_t)(protocol >> 8);
@@ -43,8 +38,7 @@ static void send_frame(void *context, uint16_t protocol, const uint8_t *payload,
         record[1] = (uint8_t)length;
         memcpy(record + HEADER, payload, length);
         printf("out %02x%02x %u\n", record[2], record[3], length);
-        for (; left > 0 && (count = write(radio, at, (size_t)left)) > 0; left -= count)
-            at += count;
+        send(radio, record, HEADER + (size_t)length, MSG_NOSIGNAL); /* all of it: it blocks */
     }
 }
 
@@ -66,31 +60,36 @@ static int open_link(int listens, const char *path) {
     strncpy(address.sun_path, path, sizeof address.sun_path - 1);
     if (!listens)
         return connect(fd, (struct sockaddr *)&address, sizeof address) == 0 ? fd : -1;
-    return bind(fd, (struct sockaddr *)&address, sizeof address) == 0 && listen(fd, 1) == 0
-               ? accept(fd, NULL, NULL)
-               : -1;
+    if (bind(fd, (struct sockaddr *)&address, sizeof address) == -1 || listen(fd, 1) == -1)
+        return -1;
+    return accept(fd, NULL, NULL);
+}
+
+/* Into Bluetooth order: the last byte first. */
+static int read_address(const char *text, uint8_t *address) {
+    char *end = NULL;
+    for (int i = ADDRESS; i-- > 0; text = end + 1) {
+        address[i] = (uint8_t)strtoul(text, &end, 16);
+        if (end == text || *end != (i > 0 ? ':' : '\0'))
+            return 0;
+    }
+    return 1;
 }
 
 int main(int argc, char **argv) {
-    uint8_t own[ADDRESS], peer[ADDRESS]; /* in Bluetooth order: last byte first */
+    uint8_t own[ADDRESS], peer[ADDRESS];
     const int listens = argc > 1 && strcmp(argv[1], "listen") == 0;
-    int link;
-    /* Two hexadecimal digits each: nothing to overflow. NOLINTNEXTLINE(cert-err34-c) */
-    if (argc != 4 || sscanf(argv[3], "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx", own + 5, own + 4, own + 3,
-                            own + 2, own + 1, own) != ADDRESS) {
+    if (argc != 4 || !read_address(argv[3], own))
         return fprintf(stderr, "usage: bnep_bridge listen|connect SOCKET ADDRESS\n"), EXIT_FAILURE;
-    }
-    signal(SIGPIPE, SIG_IGN);
     setvbuf(stdout, NULL, _IOLBF, 0);
     radio = open("/dev/null", O_RDWR);
     /* Whoever listens is ready before the other side comes. */
     if (listens)
         kiv_bnep_set_sender(send_frame, own);
-    link = open_link(listens, argv[2]);
+    const int link = open_link(listens, argv[2]);
     if (link == -1 || write(link, own, ADDRESS) != ADDRESS ||
-        recv(link, peer, ADDRESS, MSG_WAITALL) != ADDRESS) {
+        recv(link, peer, ADDRESS, MSG_WAITALL) != ADDRESS)
         return perror(argv[2]), EXIT_FAILURE;
-    }
     dup2(link, radio);
     if (!listens)
         kiv_bnep_set_sender(send_frame, own);

@@ -72,22 +72,6 @@ Function next(const char *name) {
     return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
 }
 
-// A call of the sender's thread at which, and only at which, it can be cancelled: the board's own work behind
-// it would not be undone otherwise.
-template <typename Call>
-auto cancellable(Call call) {
-    int before, ignored;
-    const bool senders = threads.how == deletion::cancels && ::pthread_equal(threads.id, ::pthread_self());
-    if (senders)
-        ::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &before);
-    const auto result = call(senders);
-    if (senders) {
-        ::pthread_testcancel();
-        ::pthread_setcancelstate(before, &ignored);
-    }
-    return result;
-}
-
 } // namespace
 
 int sup_thread_create(sup_thread_t *handle, sup_thread_control_t *control, int priority,
@@ -149,35 +133,20 @@ int sup_mutex_unlock(sup_mutex_t *) {
 
 // Looked up before any thread can be stopped in the middle of that.
 const auto real_select = next<decltype(&::select)>("select");
-const auto real_read = next<decltype(&::read)>("read");
-const auto real_close = next<decltype(&::close)>("close");
 
+// Where, and only where, the sender's thread can be cancelled: the board's work behind other calls would not
+// be undone.
 extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout) {
-    return cancellable([&](bool) { return real_select(count, readable, writable, exceptional, timeout); });
-}
-
-// Not cancellable inside the board, where the call holds a reference to the device.
-template <typename Call>
-auto cancellable_before_and_after(Call call) {
-    return cancellable([&](bool senders) {
-        int before;
-        if (senders) {
-            ::pthread_testcancel();
-            ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
-        }
-        const auto result = call();
-        if (senders)
-            ::pthread_setcancelstate(before, &before);
-        return result;
-    });
-}
-
-extern "C" ssize_t read(int fd, void *buffer, size_t length) {
-    return cancellable_before_and_after([&] { return real_read(fd, buffer, length); });
-}
-
-extern "C" int close(int fd) {
-    return cancellable_before_and_after([&] { return real_close(fd); });
+    int before, ignored;
+    const bool senders = threads.how == deletion::cancels && ::pthread_equal(threads.id, ::pthread_self());
+    if (senders)
+        ::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &before);
+    const int result = real_select(count, readable, writable, exceptional, timeout);
+    if (senders) {
+        ::pthread_testcancel();
+        ::pthread_setcancelstate(before, &ignored);
+    }
+    return result;
 }
 
 // Tests ----------------------------------------------------------------------------------------------------
