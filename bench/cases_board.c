@@ -134,6 +134,12 @@ static void hci_read_packet(int use_library) {
     must(hci_read(use_library, sizeof taken) == 0, "read");
 }
 
+/* Into a buffer with room for this packet, but not for every one. */
+static void hci_read_exact(int use_library) {
+    feed_event();
+    must(hci_read(use_library, event_size) == 0, "read");
+}
+
 static void hci_read_bytes(int use_library) {
     feed_event();
     for (int i = 0; i < event_size; ++i)
@@ -362,6 +368,7 @@ const struct bench_case board_cases[] = {
     {"hci-10-commands", start_commands, hci_commands, 10 * 20},
     {"hci-acl-1029", start_acl, hci_acl, 24},
     {"hci-read-packet", start_hci, hci_read_packet, 12},
+    {"hci-read-exact", start_hci, hci_read_exact, 12},
     {"hci-read-65-bytes", start_hci, hci_read_bytes, 65 * 12},
     {"i2c-write", start_i2c, i2c_write, 12},
     {"i2c-read", start_i2c, i2c_read, 12},

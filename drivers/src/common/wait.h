@@ -12,6 +12,8 @@ namespace kiv {
 
 // For descriptors that a set cannot hold: the same answers as select gives.
 [[gnu::cold, gnu::noinline]] inline int wait_readable_beyond_sets(int fd, const timeval *limit) noexcept {
+    if (fd < 0)
+        return 0;
     timespec limit_ns{};
     if (limit != nullptr)
         limit_ns = {.tv_sec = limit->tv_sec, .tv_nsec = static_cast<long>(limit->tv_usec) * 1000};
@@ -25,10 +27,10 @@ namespace kiv {
 }
 
 // Waits until fd is readable (or at its end, or in error), without limit when limit is null. limit is the
-// caller's to refresh: the kernel counts it down. fd must not be negative. Returns 1, 0 at the time-out,
-// or -1 with errno.
+// caller's to refresh: the kernel counts it down. Returns 1, 0 at the time-out, or -1 with errno. For a
+// negative fd there is nothing to wait for: that is like a time-out, at once.
 inline int wait_readable(int fd, timeval *limit) noexcept {
-    if (fd >= FD_SETSIZE) [[unlikely]]
+    if (static_cast<unsigned int>(fd) >= FD_SETSIZE) [[unlikely]]
         return wait_readable_beyond_sets(fd, limit);
     fd_set readable;
     FD_ZERO(&readable);

@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include "common/fd.h"
+#include "common/hints.h"
 #include "common/prefix.h"
 #include "common/report.h"
 #include "common/retry.h"
@@ -80,29 +81,33 @@ void empty_cache() {
     bt_cache.tail = 0;
 }
 
-ssize_t read_socket(const UART_infos &port) {
-    return ::read(port.fd, bt_cache.data, longest_packet);
-}
-
 // What a read that gave no packet means: an interrupted one is made again.
-[[gnu::cold, gnu::noinline]] ssize_t without_packet(const UART_infos &port, ssize_t ret, kiv::site at) {
+[[gnu::cold, gnu::noinline]] ssize_t without_packet(const UART_infos *const &port, void *to, ssize_t ret) {
     if (ret == -1 && errno == EINTR)
-        ret = kiv::retry([&] { return read_socket(port); });
+        ret = kiv::retry([&] { return ::read(port->fd, to, longest_packet); });
     if (ret <= 0) {
         empty_cache();
-        check(false, at);
+        check(false, kiv::in("pos_read_bt", KIV_SITE("bt_cache.tail > 0")));
     }
     return ret;
 }
 
-// Only when the cache is empty. Apart from the rest, so that reading from the cache saves fewer registers.
-[[gnu::noinline]] int read_packet(UART_infos *port, void *buffer, unsigned int length, const char *function) {
-    ssize_t ret = read_socket(*port);
-    if (ret <= 0) [[unlikely]] {
-        ret = without_packet(*port, ret, kiv::in(function, KIV_SITE("bt_cache.tail > 0")));
-        if (ret <= 0)
-            return static_cast<int>(ret);
-    }
+[[gnu::always_inline]] inline ssize_t next_packet(const UART_infos *port, void *to) {
+    const ssize_t ret = ::read(port->fd, to, longest_packet);
+    return ret > 0 ? ret : without_packet(port, to, ret);
+}
+
+// The three ways of a read, each in a frame of its own, so that none saves the registers of the others.
+
+// A buffer that takes every packet gets it without a detour.
+KIV_APART int read_whole_packet(UART_infos *port, void *buffer) {
+    return static_cast<int>(next_packet(port, buffer));
+}
+
+KIV_APART int read_packet(UART_infos *port, void *buffer, unsigned int length) {
+    const ssize_t ret = next_packet(port, bt_cache.data);
+    if (ret <= 0) [[unlikely]]
+        return static_cast<int>(ret);
     const unsigned int count = std::min(static_cast<unsigned int>(ret), length);
     bt_cache.head = count;
     bt_cache.tail = static_cast<int32_t>(ret);
@@ -110,9 +115,7 @@ ssize_t read_socket(const UART_infos &port) {
     return static_cast<int>(count);
 }
 
-int pos_read_bt(UART_infos *port, void *buffer, unsigned int length) {
-    if (bt_cache.head == static_cast<uint32_t>(bt_cache.tail))
-        return read_packet(port, buffer, length, __func__);
+KIV_APART int take_cached(UART_infos *, void *buffer, unsigned int length) {
     if (length == 1) { // stacks read headers by the byte: that way costs no call
         *static_cast<uint8_t *>(buffer) = bt_cache.data[bt_cache.head++];
         return 1;
@@ -122,6 +125,14 @@ int pos_read_bt(UART_infos *port, void *buffer, unsigned int length) {
     bt_cache.head += count;
     ::memcpy(buffer, from, count);
     return static_cast<int>(count);
+}
+
+int pos_read_bt(UART_infos *port, void *buffer, unsigned int length) {
+    if (bt_cache.head != static_cast<uint32_t>(bt_cache.tail))
+        return take_cached(port, buffer, length);
+    if (length >= longest_packet)
+        return read_whole_packet(port, buffer);
+    return read_packet(port, buffer, length);
 }
 
 // 3. Writing --------------------------------------------------------------------------------------------

@@ -399,8 +399,6 @@ struct timed_read {
 // Waits on the descriptor that the port has now. Having none is like a time-out: a writer has noticed that
 // the peer is gone, and nothing more comes from that one.
 KIV_HOT int wait_for_piece(int fd, unsigned int timeout_us) {
-    if (fd < 0) [[unlikely]]
-        return 0;
     timeval timeout = limit_of(timeout_us);
     return kiv::wait_readable(fd, &timeout);
 }
@@ -461,6 +459,16 @@ KIV_COLD int end_of_timed_read(timed_step step, int ret) {
     }
 }
 
+// A read whose first byte is all, and one of a length that no call can move.
+[[gnu::noinline]] int read_timed_unusual(UART_infos *port, void *buffer, unsigned int *length,
+                                         unsigned int timeout_us) {
+    if (*length == 0)
+        return 0;
+    auto *at = static_cast<char *>(buffer);
+    return read_timed_rest({port, at, length, timeout_us, 0, -1}, timed_step::first_byte,
+                           pos_read(port, at, 1));
+}
+
 } // namespace
 
 int sup_uart_Read_partial_timeout(UART_infos *port, void *buffer, unsigned int *length,
@@ -468,22 +476,21 @@ int sup_uart_Read_partial_timeout(UART_infos *port, void *buffer, unsigned int *
     const int refusal = check_reader(port, __func__, __LINE__);
     if (refusal != 0) [[unlikely]]
         return refusal;
-    const int fd = current_fd(*port);
-    if (fd < 0) [[unlikely]]
+    if (current_fd(*port) < 0) [[unlikely]]
         return sup_uart_Read_partial(port, buffer, length);
-    const unsigned int wanted = *length;
-    if (wanted == 0) [[unlikely]]
-        return 0;
+    const unsigned int rest = *length - 1;
+    if (!is_usual(rest)) [[unlikely]]
+        return read_timed_unusual(port, buffer, length, timeout_us);
     auto *at = static_cast<char *>(buffer);
     int ret = pos_read_in_place(port, at, 1);
-    if (ret != 1 || !is_usual(wanted - 1)) [[unlikely]]
-        return read_timed_rest({port, at, length, timeout_us, 0, fd}, timed_step::first_byte, ret);
+    if (ret != 1) [[unlikely]]
+        return read_timed_rest({port, at, length, timeout_us, 0, -1}, timed_step::first_byte, ret);
     const int waited = current_fd(*port);
     ret = wait_for_piece(waited, timeout_us);
     if (ret <= 0) [[unlikely]]
         return read_timed_rest({port, at, length, timeout_us, 1, waited}, timed_step::wait, ret);
-    ret = pos_read_in_place(port, at + 1, wanted - 1);
-    if (is_all(ret, wanted - 1)) [[likely]]
+    ret = pos_read_in_place(port, at + 1, rest);
+    if (is_all(ret, rest)) [[likely]]
         return 0;
     return read_timed_rest({port, at, length, timeout_us, 1, waited}, timed_step::piece, ret);
 }
