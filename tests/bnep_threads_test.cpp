@@ -199,11 +199,11 @@ TEST_F(BnepThreads, AreAskedForAsKivCoreExpectsAndAnswerForTheSender) {
 }
 
 TEST_F(BnepThreads, EndAtTheFirstReadWithoutABuffer) {
-    if (kiv_sim_reaches(KIV_SIM_MALLOC) == 0)
+    if (kiv_sim_reaches(KIV_SIM_CALLOC) == 0)
         GTEST_SKIP() << "allocation cannot be made to fail under this sanitizer";
     threads.first = [] {
         kiv_sim_fault fault = {};
-        fault.call = KIV_SIM_MALLOC;
+        fault.call = KIV_SIM_CALLOC;
         fault.nth = fault.times = 1;
         fault.error = ENOMEM;
         fault.this_thread = 1;

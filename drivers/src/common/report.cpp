@@ -26,6 +26,15 @@ error_text::error_text(int error) noexcept {
     errno = before;
 }
 
+void log_failure(const char *format, int argument) noexcept {
+    if (!pos_wants(1))
+        return;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    sup_log_msg_nocolor_raw(pos_category_name, 1, format, argument);
+#pragma GCC diagnostic pop
+}
+
 namespace report {
 namespace {
 
@@ -56,6 +65,27 @@ int trace_errno(const char *text, const char *function, int line, const char *pa
     return old_errno;
 }
 
+namespace {
+
+constexpr char request_format[] =
+    "ret = ioctl(%s, (((%s) << (((0+8)+8)+14)) | ((('%c')) << (0+8)) | (((%u)) << 0) | "
+    "((((sizeof(%s)))) << ((0+8)+8))), %s)";
+constexpr size_t statement_size = 168;
+static_assert(sizeof request_format + sizeof "UART_infos->fd2U|1Ustruct gpio_direction&data" <=
+              statement_size);
+
+} // namespace
+
+int trace_request(const request_statement &request, const char *function, int line,
+                  const char *path) noexcept {
+    char statement[statement_size];
+    const int before = errno;
+    ::snprintf(statement, sizeof statement, request_format, request.fd, request.direction, request.type,
+               request.number, request.size, request.argument);
+    errno = before;
+    return trace_errno(statement, function, line, path);
+}
+
 int trace_and_warn(const char *text, const char *function, int line, const char *path) noexcept {
     return warn(trace_errno(text, function, line, path), function, line, path);
 }
@@ -69,6 +99,11 @@ int trace_status(const char *text, const char *function, int line, const char *p
 int assert_failed(const char *text, const char *function, int line, const char *path) noexcept {
     kiv_assert(text, path, line, function);
     return EINVAL;
+}
+
+int refuse_opening(const void *port, const char *function, int line, const char *path) noexcept {
+    const char *text = port == nullptr ? "(UART_infos) != ((void *)0)" : "(device_name) != ((void *)0)";
+    return assert_failed(text, function, line, path);
 }
 
 int warn(int status, const char *function, int line, const char *path) noexcept {

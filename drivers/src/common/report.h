@@ -56,6 +56,7 @@ namespace report {
 [[gnu::cold]] int trace_status(const char *text, const char *function, int line, const char *path,
                                int status) noexcept;
 [[gnu::cold]] int assert_failed(const char *text, const char *function, int line, const char *path) noexcept;
+[[gnu::cold]] int refuse_opening(const void *port, const char *function, int line, const char *path) noexcept;
 [[gnu::cold]] int warn(int status, const char *function, int line, const char *path) noexcept;
 } // namespace report
 
@@ -100,6 +101,12 @@ namespace here {
     return here::assert_failed(at.text, at.function, at.line);
 }
 
+// The same for an opening, of whose port and device name one is null.
+[[maybe_unused, gnu::always_inline]] inline int refuse_opening(const void *port, const char *function,
+                                                               int line) noexcept {
+    return report::refuse_opening(port, function, line, KIV_MODULE);
+}
+
 // Warns of a failing exit, "ret == 0", and returns its status.
 [[maybe_unused, gnu::always_inline]] inline int warn(int status, const char *function, int line) noexcept {
     return here::warn(status, function, line);
@@ -113,6 +120,22 @@ namespace here {
 }
 } // namespace
 
+// The statement of a device request, as the preprocessor leaves it: long, and nearly the same for each.
+struct request_statement {
+    const char *fd;
+    const char *direction; // "1U": to the device; "2U|1U": both ways
+    char type;
+    unsigned int number;
+    const char *size; // of what is handed over
+    const char *argument;
+};
+
+namespace report {
+// Composes the statement and traces it, as trace_errno.
+[[gnu::cold]] int trace_request(const request_statement &request, const char *function, int line,
+                                const char *path) noexcept;
+} // namespace report
+
 // The text of an error number, for a message that is not a trace. errno stays as it is.
 class error_text {
   public:
@@ -124,9 +147,13 @@ class error_text {
     const char *text_; // the buffer, or the C library's own
 };
 
+// Writes a message of level 1 in category POS that is no trace, if such are wanted. The argument is for a
+// format that has a place for one number.
+[[gnu::cold]] void log_failure(const char *format, int argument = 0) noexcept;
+
 // Categories: their registered names, and whether a message of this level is wanted now.
-extern const char pos_category_name[];
-extern const char uart_bt_category_name[];
+[[gnu::visibility("hidden")]] extern const char pos_category_name[];
+[[gnu::visibility("hidden")]] extern const char uart_bt_category_name[];
 bool pos_wants(int level) noexcept;
 bool uart_bt_wants(int level) noexcept;
 

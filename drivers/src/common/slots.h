@@ -3,8 +3,6 @@
 #ifndef KIV_COMMON_SLOTS_H
 #define KIV_COMMON_SLOTS_H
 
-#include <cerrno>
-
 #include "kiv/uart.h"
 
 namespace kiv {
@@ -66,27 +64,9 @@ inline void begin_connection(UART_infos &port, int fd, uint32_t mark = 0) noexce
     set_current_fd(port, fd);
 }
 
-// What is left in a record whose port has been closed: operations that fail, and nothing to release. Using or
-// closing it again by mistake then hits nobody who has the numbers next.
-inline int read_closed(UART_infos *, void *, unsigned int) noexcept {
-    errno = EBADF;
-    return -1;
-}
-
-inline int write_closed(UART_infos *, const void *, unsigned int) noexcept {
-    errno = EBADF;
-    return -1;
-}
-
-inline void detach(UART_infos &port) noexcept {
-    port.fd = -1;
-    port.fd_listen = -1;
-    port.flags = UART_FLAG_STREAM;
-    port.read = read_closed;
-    port.write = write_closed;
-    port.writev = nullptr;
-    port.priv = nullptr;
-}
+// Leaves in a record whose port has been closed operations that fail with EBADF, and nothing to release.
+// Using or closing it again by mistake then hits nobody who has the numbers next.
+void detach(UART_infos &port) noexcept;
 
 } // namespace kiv
 

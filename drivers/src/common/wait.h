@@ -8,10 +8,12 @@
 #include <poll.h>
 #include <sys/select.h>
 
+#include "common/hints.h"
+
 namespace kiv {
 
 // For descriptors that a set cannot hold: the same answers as select gives.
-[[gnu::cold, gnu::noinline]] inline int wait_readable_beyond_sets(int fd, const timeval *limit) noexcept {
+KIV_COLD inline int wait_readable_beyond_sets(int fd, const timeval *limit) noexcept {
     if (fd < 0)
         return 0;
     timespec limit_ns{};
@@ -29,7 +31,7 @@ namespace kiv {
 // Waits until fd is readable (or at its end, or in error), without limit when limit is null. limit is the
 // caller's to refresh: the kernel counts it down. Returns 1, 0 at the time-out, or -1 with errno. For a
 // negative fd there is nothing to wait for: that is like a time-out, at once.
-inline int wait_readable(int fd, timeval *limit) noexcept {
+KIV_SHARED int wait_readable(int fd, timeval *limit) noexcept {
     if (static_cast<unsigned int>(fd) >= FD_SETSIZE) [[unlikely]]
         return wait_readable_beyond_sets(fd, limit);
     fd_set readable;

@@ -103,12 +103,11 @@ bool make_interface(const uint8_t *address, const char *function) {
     ifreq interface;
     set(drv.fd, open_bnep_interface(interface));
     if (drv.fd == -1) {
-        if (kiv::pos_wants(1))
-            sup_log_msg_nocolor_raw(kiv::pos_category_name, 1, "TAP: failed to open TUN interface\n");
+        kiv::log_failure("TAP: failed to open TUN interface\n");
         return false;
     }
     kiv::set_hardware_address(drv.fd, interface, address, kiv::byte_order::bluetooth, "BT address = ");
-    drv.buffer = static_cast<uint8_t *>(::malloc(BNEP_BUFFER_SIZE));
+    drv.buffer = static_cast<uint8_t *>(::calloc(1, BNEP_BUFFER_SIZE));
     // Without it the first read fails and ends the thread.
     kiv::check(drv.buffer != nullptr, kiv::in(function, KIV_SITE("drv.buffer != ((void *)0)")));
     return true;
@@ -135,8 +134,7 @@ void forward_frames() {
         timeval limit = {.tv_sec = 1, .tv_usec = 0};
         const int ready = kiv::wait_readable(fd, &limit);
         if (ready == -1) [[unlikely]] {
-            if (kiv::pos_wants(1))
-                sup_log_msg_nocolor_raw(kiv::pos_category_name, 1, "bnep_sender: select failed\n");
+            kiv::log_failure("bnep_sender: select failed\n");
             return;
         }
         if (ready == 0) [[unlikely]]

@@ -22,6 +22,7 @@
 #include <sys/ioctl.h>
 
 #include "common/fd.h"
+#include "common/hints.h"
 #include "common/report.h"
 #include "common/retry.h"
 #include "linux/gpio_backend.h"
@@ -84,34 +85,36 @@ static_assert(close_irq_request == 0x40087004 && wait_irq_request == 0x40087005)
 
 // 2. Reports --------------------------------------------------------------------------------------------
 
-// The log shows statements as the preprocessor spells them. Five requests and ten repeated calls written out
-// would be 1700 bytes of nearly the same text, so what they have in common stands here once.
-constexpr char request_statement[] =
-    "ret = ioctl(%s, (((%s) << (((0+8)+8)+14)) | ((('p')) << (0+8)) | (((%u)) << 0) | "
-    "((((sizeof(struct %s)))) << ((0+8)+8))), &%s)";
+// The log shows statements as the preprocessor spells them. Ten repeated calls written out would be nearly
+// the same text, so what they have in common stands here once.
 constexpr char repeated_statement[] =
     "%s({ int __ret; while((__ret = (%s)) == -1 && (*__errno_location ()) == 4); __ret;})";
 constexpr char open_device[] = R"(open("/dev/gpio", 02))"; // the longest of the calls
 constexpr char write_text[] = R"(write(fd,"%s",%u))";
 
-constexpr size_t statement_size = 168;
-static_assert(sizeof request_statement + sizeof "device->fd2U|1Ugpio_directiondata" <= statement_size);
+constexpr size_t statement_size = 128;
 static_assert(sizeof repeated_statement + sizeof "*fd = " + sizeof open_device <= statement_size);
 static_assert(statement_size + sizeof KIV_MODULE ":%d in %s,  : %s\n" <= kiv::format_size);
 
 // Traces a request that has failed; its number tells the rest of its statement. Returns its errno.
 [[gnu::cold, gnu::noinline]] int trace_request(request_number number, const char *function, int line) {
-    const char *record = "gpio_irq";
-    if (number < open_irq)
-        record = number == set_direction ? "gpio_direction" : "gpio_data";
-    char statement[statement_size];
-    {
-        const kiv::errno_guard keep;
-        ::snprintf(statement, sizeof statement, request_statement,
-                   number < open_irq ? "gpio_fd" : "device->fd", number == get_level ? "2U|1U" : "1U",
-                   static_cast<unsigned int>(number), record, number == set_direction ? "dir" : "data");
+    kiv::request_statement request = {.fd = "device->fd",
+                                      .direction = "1U",
+                                      .type = 'p',
+                                      .number = number,
+                                      .size = "struct gpio_irq",
+                                      .argument = "&data"};
+    if (number < open_irq) {
+        request.fd = "gpio_fd";
+        request.size = "struct gpio_data";
     }
-    return trace_errno({statement, function, line});
+    if (number == get_level)
+        request.direction = "2U|1U";
+    if (number == set_direction) {
+        request.size = "struct gpio_direction";
+        request.argument = "&dir";
+    }
+    return kiv::report::trace_request(request, function, line, KIV_MODULE);
 }
 
 // The failing exit of a request: its errno, traced and warned of, or 0 for a refusal without a reason.
@@ -133,8 +136,12 @@ static_assert(statement_size + sizeof KIV_MODULE ":%d in %s,  : %s\n" <= kiv::fo
 
 // 3. Device ---------------------------------------------------------------------------------------------
 
+int open_file(const char *path, int flags) {
+    return retry([=] { return ::open(path, flags); });
+}
+
 [[gnu::noinline]] int kiv_gpio_dev_open(int32_t *fd) {
-    *fd = retry([] { return ::open("/dev/gpio", O_RDWR); });
+    *fd = open_file("/dev/gpio", O_RDWR);
     if (*fd >= 0) [[likely]]
         return 0;
     const int status = trace_repeated("*fd = ", kiv::plain(open_device), __func__, __LINE__);
@@ -176,10 +183,6 @@ constexpr size_t path_size = 50;
 
 // Where the pins are: a directory each, "gpio" and its number or a name of its own.
 #define KIV_GPIO_TREE "/sys/class/gpio"
-
-int open_file(const char *path, int flags) {
-    return retry([=] { return ::open(path, flags); });
-}
 
 // Traces a write, whose statement shows the text and its size.
 [[gnu::cold, gnu::noinline]] void trace_write(const char *text, size_t size, const char *function, int line) {
@@ -339,7 +342,7 @@ int kiv_gpio_read(int pin) {
 
 namespace {
 
-[[gnu::always_inline]] inline int drive(int pin, int level) {
+KIV_HOT int drive(int pin, int level) {
     if (selected_gpio_backend() == GPIO_BACKEND_DEV) [[likely]]
         return kiv_gpio_dev_write(pin, level);
     return on_files(kiv_gpio_sysfs_write, pin, level);

@@ -6,13 +6,14 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
 #include <fcntl.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "common/hints.h"
+#include "common/prefix.h"
 #include "common/report.h"
 
 using kiv::site;
@@ -48,12 +49,12 @@ constexpr char refused_bus[] = "/dev/usb-i2c";
 }
 
 // The transfers of a record whose own operations serve it.
-[[gnu::cold, gnu::noinline]] int32_t served_tx(kiv_i2c_device *device, const void *tx_data, uint32_t count) {
+KIV_COLD int32_t served_tx(kiv_i2c_device *device, const void *tx_data, uint32_t count) {
     const int32_t moved = device->tx(device, tx_data, count);
     return moved == -1 ? 0 : moved;
 }
 
-[[gnu::cold, gnu::noinline]] int32_t served_rx(kiv_i2c_device *device, void *rx_data, uint32_t count) {
+KIV_COLD int32_t served_rx(kiv_i2c_device *device, void *rx_data, uint32_t count) {
     const int32_t moved = device->rx != nullptr ? device->rx(device, rx_data, count) : 0;
     return moved == -1 ? 0 : moved;
 }
@@ -71,10 +72,12 @@ enum class direction { out, in };
 // Goes on from a transfer that failed: one that a signal interrupted is made again. A slave that does not
 // answer is no event worth a line, since that is how programs find out who is there and when an EEPROM has
 // finished writing.
-[[gnu::cold, gnu::noinline]] int32_t after_failure(const transfer &wanted, direction way, const char *text,
-                                                   const char *function, int line) {
+KIV_COLD int32_t after_failure(const transfer &wanted, direction way) {
+    const site at = way == direction::out
+                        ? kiv::in("kiv_i2c_tx", KIV_SITE("ret = write(device->fd, tx_data, count)"))
+                        : kiv::in("kiv_i2c_rx", KIV_SITE("ret = read(device->fd, rx_data, count)"));
     for (;;) {
-        if (errno == EREMOTEIO || trace_errno({text, function, line}) != EINTR)
+        if (errno == EREMOTEIO || trace_errno(at) != EINTR)
             return 0;
         const int fd = wanted.device->fd;
         const ssize_t ret = way == direction::out ? ::write(fd, wanted.data, wanted.count)
@@ -82,10 +85,6 @@ enum class direction { out, in };
         if (ret != -1)
             return static_cast<int32_t>(ret);
     }
-}
-
-[[gnu::always_inline]] inline int32_t after_failure(const transfer &wanted, direction way, site at) {
-    return after_failure(wanted, way, at.text, at.function, at.line);
 }
 
 i2c_msg to_kernel(const kiv_i2c_message &message, uint32_t address) {
@@ -125,9 +124,9 @@ int32_t kiv_i2c_open(kiv_i2c_device *device, const char *name, uint32_t address)
     *device = {};
     if (name == nullptr)
         name = default_bus;
-    if (::strcmp(name, refused_bus) == 0) {
-        if (kiv::pos_wants(1))
-            sup_log_msg_nocolor_raw(kiv::pos_category_name, 1, "usb-i2c support is not enabled\n");
+    const char *rest = kiv::skip_prefix(refused_bus, name);
+    if (rest != nullptr && *rest == '\0') {
+        kiv::log_failure("usb-i2c support is not enabled\n");
         return KIV_WARN(ENODEV);
     }
     const int fd = ::open(name, O_RDWR);
@@ -168,7 +167,7 @@ int32_t kiv_i2c_tx(kiv_i2c_device *device, const void *tx_data, uint32_t count) 
     const ssize_t ret = ::write(device->fd, tx_data, count);
     if (ret != -1) [[likely]]
         return static_cast<int32_t>(ret);
-    return after_failure(wanted, direction::out, KIV_SITE("ret = write(device->fd, tx_data, count)"));
+    return after_failure(wanted, direction::out);
 }
 
 int32_t kiv_i2c_rx(kiv_i2c_device *device, void *rx_data, uint32_t count) {
@@ -182,7 +181,7 @@ int32_t kiv_i2c_rx(kiv_i2c_device *device, void *rx_data, uint32_t count) {
     const ssize_t ret = ::read(device->fd, rx_data, count);
     if (ret != -1) [[likely]]
         return static_cast<int32_t>(ret);
-    return after_failure(wanted, direction::in, KIV_SITE("ret = read(device->fd, rx_data, count)"));
+    return after_failure(wanted, direction::in);
 }
 
 int32_t kiv_i2c_msg(kiv_i2c_device *device, const kiv_i2c_message *msgs, int32_t count) {
@@ -191,7 +190,7 @@ int32_t kiv_i2c_msg(kiv_i2c_device *device, const kiv_i2c_message *msgs, int32_t
     if (msgs == nullptr) [[unlikely]]
         return kiv::refuse_null(KIV_SITE("(msgs) != ((void *)0)"));
     // The number of a register and its contents: nearly every transfer is such a pair.
-    if (count != 2 || device->tx != nullptr) [[unlikely]]
+    if (kiv::small_code || count != 2 || device->tx != nullptr)
         return transfer_any(device, msgs, count, __func__);
     i2c_msg pair[] = {to_kernel(msgs[0], device->address), to_kernel(msgs[1], device->address)};
     return request(*device, pair, 2, __func__);

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "common/hints.h"
 #include "kiv/uart.h"
 
 struct kiv_linux_sfd {
@@ -25,7 +26,7 @@ namespace kiv {
 // No data on the device: a cancellation, which is used up, or an event such as a hang-up.
 [[gnu::cold]] ssize_t sread_without_data(const kiv_linux_sfd &s) noexcept;
 
-inline ssize_t sread(kiv_linux_sfd &s, void *buffer, size_t length) noexcept {
+KIV_SHARED ssize_t sread(kiv_linux_sfd &s, void *buffer, size_t length) noexcept {
     if (::poll(s.waits, 2, -1) < 1) [[unlikely]]
         return -1;
     if (s.has_data()) [[likely]]

@@ -165,15 +165,12 @@ int send_packet(const UART_infos &port, unsigned int taken) {
 }
 
 [[gnu::cold, gnu::noinline]] int drop_byte(uint8_t indicator) {
-    if (kiv::pos_wants(1))
-        sup_log_msg_nocolor_raw(kiv::pos_category_name, 1, "Invalid BT packet %d\n", indicator);
+    kiv::log_failure("Invalid BT packet %d\n", indicator);
     return 1;
 }
 
 [[gnu::cold, gnu::noinline]] int drop_header() {
-    if (kiv::pos_wants(1))
-        sup_log_msg_nocolor_raw(kiv::pos_category_name, 1, "Invalid BT packet : too big : %d\n",
-                                bt_packet.len);
+    kiv::log_failure("Invalid BT packet : too big : %d\n", bt_packet.len);
     forget_packet();
     return 1;
 }
@@ -253,10 +250,17 @@ int bluez_open_dev(int dev_id) {
     return fd;
 }
 
-// The request numbers of the traces below, as the preprocessor leaves them.
-#define HCI_REQUEST_TEXT(number)                                                                             \
-    "(((1U) << (((0+8)+8)+14)) | ((('H')) << (0+8)) | (((" number                                            \
-    ")) << 0) | ((((sizeof(int)))) << ((0+8)+8)))"
+// Traces a device request that has failed. Returns its errno.
+[[gnu::cold, gnu::noinline]] int trace_request(unsigned long request, const char *argument,
+                                               const char *function, int line) {
+    return kiv::report::trace_request({.fd = "UART_infos->fd",
+                                       .direction = "1U",
+                                       .type = 'H',
+                                       .number = _IOC_NR(request),
+                                       .size = "int",
+                                       .argument = argument},
+                                      function, line, KIV_MODULE);
+}
 
 // The order is fixed: a device changes to raw mode while it is down, so that the kernel's own stack leaves it
 // alone when it comes up.
@@ -274,15 +278,16 @@ int pos_open_bt_generic(UART_infos *port, const char *dev_number, opening_type t
     if (::setsockopt(device.get(), SOL_HCI, HCI_FILTER, &everything, sizeof everything) == -1)
         return trace_errno(KIV_SITE("ret = setsockopt(UART_infos->fd, 0, 2, &filter, sizeof(filter))"));
     if (::ioctl(device.get(), HCIDEVDOWN, dev_id) == -1)
-        return trace_errno(KIV_SITE("ret = ioctl(UART_infos->fd, " HCI_REQUEST_TEXT("202") ", dev_id)"));
+        return trace_request(HCIDEVDOWN, "dev_id", __func__, __LINE__);
     const int ret = ::ioctl(device.get(), HCISETRAW, 1);
-    const int error =
-        ret == -1 ? trace_errno(KIV_SITE("ret = ioctl(UART_infos->fd, " HCI_REQUEST_TEXT("220") ", 1)")) : 0;
-    check(ret == 0, KIV_SITE("\"no CAP_NET_ADMIN right ???\\n\" && ret == 0"));
-    if (ret == -1)
-        return error;
+    if (ret != 0) {
+        const int error = ret == -1 ? trace_request(HCISETRAW, "1", __func__, __LINE__) : 0;
+        check(false, KIV_SITE("\"no CAP_NET_ADMIN right ???\\n\" && ret == 0"));
+        if (ret == -1)
+            return error;
+    }
     if (::ioctl(device.get(), HCIDEVUP, dev_id) == -1)
-        return trace_errno(KIV_SITE("ret = ioctl(UART_infos->fd, " HCI_REQUEST_TEXT("201") ", dev_id)"));
+        return trace_request(HCIDEVUP, "dev_id", __func__, __LINE__);
 
     // What an earlier port has left half read or half written is not for this one.
     empty_cache();
@@ -298,10 +303,8 @@ int pos_open_bt_generic(UART_infos *port, const char *dev_number, opening_type t
 } // namespace
 
 int pos_open_bt(UART_infos *port, const char *device_name, unsigned int) {
-    if (port == nullptr)
-        return kiv::refuse_null(KIV_SITE("(UART_infos) != ((void *)0)"));
-    if (device_name == nullptr)
-        return kiv::refuse_null(KIV_SITE("(device_name) != ((void *)0)"));
+    if (port == nullptr || device_name == nullptr) [[unlikely]]
+        return kiv::refuse_opening(port, __func__, __LINE__);
     const char *dev_number = kiv::after("hci", device_name);
     if (dev_number == nullptr)
         return EINVAL;

@@ -3,6 +3,7 @@
 // A line that does not fit into its buffer arrives in pieces, and each piece counts as a line. A zero byte
 // ends a line's text, whatever follows it. A file that cannot be read any further counts as ended.
 
+#include "common/prefix.h"
 #include "kiv/platform.h"
 
 #include <cctype>
@@ -20,10 +21,10 @@ constexpr char name_prefix[] = "Hardware\t: ";
 constexpr char revision_prefix[] = "Revision";
 
 // Reads lines into text until one begins with the prefix. False at the end of the file.
-template <size_t Size, size_t PrefixSize>
-bool find_line(FILE *file, char (&text)[Size], const char (&prefix)[PrefixSize]) {
+template <size_t Size>
+bool find_line(FILE *file, char (&text)[Size], const char *prefix) {
     while (::fgets(text, Size, file) != nullptr)
-        if (::strncmp(text, prefix, PrefixSize - 1) == 0)
+        if (kiv::skip_prefix(prefix, text) != nullptr)
             return true;
     return false;
 }

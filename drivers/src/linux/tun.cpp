@@ -17,22 +17,12 @@ static_assert((IFF_TAP | IFF_NO_PI) == 0x1002 && IFNAMSIZ == 16);
 namespace kiv {
 namespace {
 
-// One piece of a failure message. The level is asked for each: somebody may turn it down in between.
-KIV_COLD void log_failure(const char *text) noexcept {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#pragma GCC diagnostic ignored "-Wformat-security"
-    if (pos_wants(1))
-        sup_log_msg_nocolor_raw(pos_category_name, 1, text);
-#pragma GCC diagnostic pop
-}
-
+// In pieces, of which each asks for the level: somebody may turn it down in between.
 KIV_COLD void log_refused_address(const char *label, const uint8_t *address) noexcept {
     log_failure("TAP: failed to set MAC address\n");
     log_failure(label);
     for (unsigned int i = 0; i < address_size; ++i)
-        if (pos_wants(1))
-            sup_log_msg_nocolor_raw(pos_category_name, 1, "%02X ", address[i]);
+        log_failure("%02X ", address[i]);
     log_failure("\n");
 }
 
@@ -47,7 +37,7 @@ int open_tun_device(const char *path) noexcept {
 
 bool name_tap_interface(int fd, const char *name, ifreq &interface) noexcept {
     interface = ifreq{};
-    ::strncpy(interface.ifr_name, name, IFNAMSIZ - 1);
+    ::memccpy(interface.ifr_name, name, '\0', IFNAMSIZ - 1);
     interface.ifr_flags = IFF_TAP | IFF_NO_PI;
     if (::ioctl(fd, TUNSETIFF, &interface) != -1)
         return true;

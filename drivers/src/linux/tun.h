@@ -10,7 +10,7 @@ namespace kiv {
 
 // Where the TUN clone device may be, the likelier first. Characters in place: pointers would have to be
 // relocated at load.
-inline constexpr char tun_device_paths[][13] = {"/dev/net/tun", "/dev/tun"};
+constexpr char tun_device_paths[][13] = {"/dev/net/tun", "/dev/tun"};
 
 // How the six bytes of a hardware address are stored: as they are written, or the other way round.
 enum class byte_order { ethernet, bluetooth };

@@ -2,10 +2,11 @@
 //
 //   1. Kernel requests   the tty requests under the names that their traces show
 //   2. Speeds            codes, rates, and the bits of the termios block
-//   3. Opening           the device's name decides; the tty's set-up
-//   4. Reading, writing  loops over a transport's slot or the tty
-//   5. Line control      one frame for the changes of the termios block; flush, RTS, stop
-//   6. Closing
+//   3. Termios changes   one frame: read the block, change it, write it
+//   4. Opening           the device's name decides; the tty's set-up
+//   5. Reading, writing  loops over a transport's slot or the tty
+//   6. Line control      speed, parity, stop bits, flow control; flush, RTS, stop
+//   7. Closing
 //
 // An empty slot means the tty: pos_read and pos_write decide that for the data, nothing else does. The
 // module keeps no state and takes no lock.
@@ -31,7 +32,6 @@
 
 using kiv::check;
 using kiv::current_fd;
-using kiv::has_prefix;
 using kiv::site;
 using kiv::trace_and_warn;
 using kiv::trace_errno;
@@ -105,103 +105,131 @@ static_assert(sizeof uart_speed_table / sizeof uart_speed_table[0] == 19 && CBAU
 constexpr unsigned int highest_code = 18;
 constexpr unsigned int highest_coded_rate = 115200; // numbers above it are rates
 
-int uart_set_speed(termios2 *settings, unsigned int speed) {
+int uart_set_speed(termios2 *termios_p, unsigned int speed) {
     uint32_t bits = BOTHER;
     if (speed > highest_coded_rate) {
-        settings->c_ispeed = speed;
-        settings->c_ospeed = speed;
+        termios_p->c_ispeed = speed;
+        termios_p->c_ospeed = speed;
     } else {
         bits = speed <= highest_code ? uart_speed_table[speed] : refused;
         if (bits == refused)
             return EINVAL;
     }
-    settings->c_cflag = (settings->c_cflag & ~static_cast<tcflag_t>(CBAUD)) | bits;
+    termios_p->c_cflag = (termios_p->c_cflag & ~static_cast<tcflag_t>(CBAUD)) | bits;
     return 0;
 }
 
-// 3. Opening --------------------------------------------------------------------------------------------
+// 3. Termios changes ------------------------------------------------------------------------------------
 
-// Eight data bits, every byte as it is; a read waits for one byte and no longer. The stop bits, the receiver
-// and hang-up on close stay as they were.
-void make_raw(termios2 *settings) {
-    settings->c_iflag &=
-        ~static_cast<tcflag_t>(IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR | ICRNL | IXON);
-    settings->c_oflag &= ~static_cast<tcflag_t>(OPOST);
-    settings->c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHONL | ICANON | ISIG | IEXTEN);
-    settings->c_cflag &= ~static_cast<tcflag_t>(CSIZE | PARENB);
-    settings->c_cflag |= CS8 | CLOCAL;
-    settings->c_cc[VMIN] = 1;
-    settings->c_cc[VTIME] = 0;
-}
+// Changes a termios block for the operation that function names. Returns 0 or the status of a refusal.
+using settings_edit = int(termios2 *termios_p, unsigned int value, unsigned int options,
+                          const char *function);
 
-void set_flow_control(termios2 *settings, bool on) {
-    if (on)
-        settings->c_cflag |= CRTSCTS;
-    else
-        settings->c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
-}
-
-// The first failing step ends it, traced under the opening's name. Returns 0 or its error.
-int set_up_tty(int fd, unsigned int speed, unsigned int options, const char *function) {
+// The block is written in the last step only, so a refusal or a failure leaves the line as it was. Returns 0,
+// the errno of a request, which is traced, or the status of a refusal.
+int change_settings(int fd, settings_edit *edit, unsigned int value, unsigned int options,
+                    const char *function) {
     termios2 termios_p;
     if (kiv_tcgetattr(fd, &termios_p) == -1) [[unlikely]]
         return trace_errno(kiv::in(function, KIV_SITE("ret = kiv_tcgetattr(UART_infos->fd, &termios_p)")));
-    make_raw(&termios_p);
-    const int refusal = uart_set_speed(&termios_p, speed);
+    const int refusal = edit(&termios_p, value, options, function);
     if (refusal != 0) [[unlikely]]
-        return trace_status(kiv::in(function, KIV_SITE("ret = uart_set_speed(&termios_p, speed)")), refusal);
-    set_flow_control(&termios_p, (options & UART_OPTION_RTS_CTS) != 0);
+        return refusal;
     if (kiv_tcsetattr(fd, &termios_p) == -1) [[unlikely]]
         return trace_errno(kiv::in(function, KIV_SITE("ret = kiv_tcsetattr(UART_infos->fd, 0, &termios_p)")));
     return 0;
 }
 
-} // namespace
+int edit_speed(termios2 *termios_p, unsigned int speed, unsigned int, const char *function) {
+    const int refusal = uart_set_speed(termios_p, speed);
+    if (refusal != 0) [[unlikely]]
+        trace_status(kiv::in(function, KIV_SITE("ret = uart_set_speed(&termios_p, speed)")), refusal);
+    return refusal;
+}
 
-int sup_uart_Init2(UART_infos *port, const char *device_name, unsigned int speed, unsigned int options,
-                   const UART_status_cb *status_cb) {
-    if (port == nullptr) [[unlikely]]
-        return kiv::refuse_null(KIV_SITE("(UART_infos) != ((void *)0)"));
-    if (device_name == nullptr) [[unlikely]]
-        return kiv::refuse_null(KIV_SITE("(device_name) != ((void *)0)"));
-    // The callbacks may be those of the record that is about to be cleared.
-    const UART_status_cb callbacks = status_cb != nullptr ? *status_cb : UART_status_cb{};
-    sup_uart_Prepare(port, &callbacks);
+int edit_flow_control(termios2 *termios_p, unsigned int enable, unsigned int, const char *) {
+    if (enable != 0)
+        termios_p->c_cflag |= CRTSCTS;
+    else
+        termios_p->c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
+    return 0;
+}
 
-    if (has_prefix(device_name, "hci"))
-        return sup_uart_Opened(port, pos_open_bt(port, device_name, options));
-    if (has_prefix(device_name, "btsyspath:"))
-        return sup_uart_Opened(port, pos_open_bt_syspath(port, device_name, options));
-    if (has_prefix(device_name, "tcp:"))
-        return sup_uart_Opened(port, pos_open_tcp(port, device_name, options));
-    if (has_prefix(device_name, "tcpout:")) {
-        if (kiv::pos_wants(1))
-            sup_log_msg_nocolor_raw(kiv::pos_category_name, 1, "tcpout support is not enabled\n");
-        return ENODEV;
-    }
-    if (has_prefix(device_name, "unix:"))
-        return sup_uart_Opened(port, pos_open_unix(port, device_name, options));
+// 4. Opening --------------------------------------------------------------------------------------------
 
+// Eight data bits, every byte as it is; a read waits for one byte and no longer. The stop bits, the receiver
+// and hang-up on close stay as they were.
+void make_raw(termios2 *termios_p) {
+    termios_p->c_iflag &=
+        ~static_cast<tcflag_t>(IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR | ICRNL | IXON);
+    termios_p->c_oflag &= ~static_cast<tcflag_t>(OPOST);
+    termios_p->c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHONL | ICANON | ISIG | IEXTEN);
+    termios_p->c_cflag &= ~static_cast<tcflag_t>(CSIZE | PARENB);
+    termios_p->c_cflag |= CS8 | CLOCAL;
+    termios_p->c_cc[VMIN] = 1;
+    termios_p->c_cc[VTIME] = 0;
+}
+
+int edit_for_opening(termios2 *termios_p, unsigned int speed, unsigned int options, const char *function) {
+    make_raw(termios_p);
+    edit_flow_control(termios_p, options & UART_OPTION_RTS_CTS, 0, function);
+    return edit_speed(termios_p, speed, 0, function);
+}
+
+// Opens the device and sets the line up. In a frame of its own: a transport's opening needs fewer registers.
+KIV_APART int open_tty(UART_infos *port, const char *device_name, unsigned int speed, unsigned int options) {
+    constexpr const char *function = "sup_uart_Init2";
     port->kiv_linux_sfd = kiv_linux_sopen(device_name, O_RDWR | O_NOCTTY);
     if (port->kiv_linux_sfd == nullptr) [[unlikely]]
         return trace_errno(
-            KIV_SITE("UART_infos->kiv_linux_sfd = kiv_linux_sopen(device_name, O_RDWR | O_NOCTTY)"));
+            kiv::in(function,
+                    KIV_SITE("UART_infos->kiv_linux_sfd = kiv_linux_sopen(device_name, O_RDWR | O_NOCTTY)")));
     port->fd = kiv_linux_sfdno(port->kiv_linux_sfd);
-    const int status = set_up_tty(port->fd, speed, options, __func__);
+    const int status = change_settings(port->fd, edit_for_opening, speed, options, function);
     if (status != 0) [[unlikely]] {
         kiv_linux_sclose(port->kiv_linux_sfd);
         return status;
     }
     if (port->status_cb.connected != nullptr)
         port->status_cb.connected(port, port->status_cb.context);
-    return sup_uart_Opened(port, 0);
+    return 0;
+}
+
+// The device's name says who opens it.
+KIV_HOT int open_by_name(UART_infos *port, const char *device_name, unsigned int speed,
+                         unsigned int options) {
+    if (kiv::after("hci", device_name) != nullptr)
+        return pos_open_bt(port, device_name, options);
+    if (kiv::after("btsyspath:", device_name) != nullptr)
+        return pos_open_bt_syspath(port, device_name, options);
+    if (kiv::after("tcp:", device_name) != nullptr)
+        return pos_open_tcp(port, device_name, options);
+    if (kiv::after("tcpout:", device_name) != nullptr) {
+        kiv::log_failure("tcpout support is not enabled\n");
+        return ENODEV;
+    }
+    if (kiv::after("unix:", device_name) != nullptr)
+        return pos_open_unix(port, device_name, options);
+    return open_tty(port, device_name, speed, options);
+}
+
+} // namespace
+
+int sup_uart_Init2(UART_infos *port, const char *device_name, unsigned int speed, unsigned int options,
+                   const UART_status_cb *status_cb) {
+    if (port == nullptr || device_name == nullptr) [[unlikely]]
+        return kiv::refuse_opening(port, __func__, __LINE__);
+    // The callbacks may be those of the record that is about to be cleared.
+    const UART_status_cb callbacks = status_cb != nullptr ? *status_cb : UART_status_cb{};
+    sup_uart_Prepare(port, &callbacks);
+    return sup_uart_Opened(port, open_by_name(port, device_name, speed, options));
 }
 
 int sup_uart_Init(UART_infos *port, const char *device_name, unsigned int speed, unsigned int options) {
     return sup_uart_Init2(port, device_name, speed, options, nullptr);
 }
 
-// 4. Reading, writing -----------------------------------------------------------------------------------
+// 5. Reading, writing -----------------------------------------------------------------------------------
 
 // The usual case of each operation comes first, in a straight line: an open record and a call that moves all
 // bytes at once. Everything else goes on out of line.
@@ -289,8 +317,9 @@ struct request {
     return 0;
 }
 
-KIV_COLD int read_partial_not_open(UART_infos *port, void *buffer, unsigned int *length) {
-    const int status = refuse_reader(port, "sup_uart_Read_partial", __LINE__);
+// With every check.
+[[gnu::noinline]] int read_partial_checked(UART_infos *port, void *buffer, unsigned int *length) {
+    const int status = check_reader(port, "sup_uart_Read_partial", __LINE__);
     if (status != 0 || *length == 0)
         return status;
     return read_partial_again({port, buffer}, length, pos_read(port, buffer, *length));
@@ -299,8 +328,8 @@ KIV_COLD int read_partial_not_open(UART_infos *port, void *buffer, unsigned int 
 } // namespace
 
 int sup_uart_Read_partial(UART_infos *port, void *buffer, unsigned int *length) {
-    if (!is_open(port)) [[unlikely]]
-        return read_partial_not_open(port, buffer, length);
+    if (kiv::small_code || !is_open(port))
+        return read_partial_checked(port, buffer, length);
     if (*length == 0) [[unlikely]]
         return 0;
     const request<void> whole = {port, buffer};
@@ -344,16 +373,16 @@ KIV_COLD int read_unusual(UART_infos *port, void *buffer, unsigned int *length) 
     return read_rest({port, buffer}, length, pos_read(port, buffer, *length));
 }
 
-KIV_COLD int read_not_open(UART_infos *port, void *buffer, unsigned int *length) {
-    const int status = refuse_reader(port, "sup_uart_Read", __LINE__);
+[[gnu::noinline]] int read_checked(UART_infos *port, void *buffer, unsigned int *length) {
+    const int status = check_reader(port, "sup_uart_Read", __LINE__);
     return status == 0 ? read_unusual(port, buffer, length) : status;
 }
 
 } // namespace
 
 int sup_uart_Read(UART_infos *port, void *buffer, unsigned int *length) {
-    if (!is_open(port)) [[unlikely]]
-        return read_not_open(port, buffer, length);
+    if (kiv::small_code || !is_open(port))
+        return read_checked(port, buffer, length);
     if (!is_usual(*length)) [[unlikely]]
         return read_unusual(port, buffer, length);
     const request<void> whole = {port, buffer};
@@ -406,7 +435,7 @@ KIV_HOT int wait_for_piece(int fd, unsigned int timeout_us) {
 // A wait that ended without data. Returns the status of the read, or EINTR to wait once more: a writer closed
 // the descriptor while the wait was on its way.
 KIV_COLD int end_of_wait(const timed_read &now, int ready) {
-    constexpr char function[] = "sup_uart_Read_partial_timeout";
+    constexpr const char *function = "sup_uart_Read_partial_timeout";
     if (ready == -1) {
         if (errno == EBADF && current_fd(*now.port) != now.fd)
             return EINTR;
@@ -421,7 +450,7 @@ KIV_COLD int end_of_wait(const timed_read &now, int ready) {
 }
 
 KIV_COLD int end_of_timed_read(timed_step step, int ret) {
-    constexpr char function[] = "sup_uart_Read_partial_timeout";
+    constexpr const char *function = "sup_uart_Read_partial_timeout";
     if (step == timed_step::first_byte)
         return stream_failure(ret, kiv::in(function, KIV_SITE("ret = pos_read(UART_infos, buffer, 1)")));
     return stream_failure(
@@ -479,7 +508,7 @@ int sup_uart_Read_partial_timeout(UART_infos *port, void *buffer, unsigned int *
     if (current_fd(*port) < 0) [[unlikely]]
         return sup_uart_Read_partial(port, buffer, length);
     const unsigned int rest = *length - 1;
-    if (!is_usual(rest)) [[unlikely]]
+    if (kiv::small_code || !is_usual(rest))
         return read_timed_unusual(port, buffer, length, timeout_us);
     auto *at = static_cast<char *>(buffer);
     int ret = pos_read_in_place(port, at, 1);
@@ -536,16 +565,16 @@ KIV_HOT int send_piece(UART_infos *port, const void *buffer, unsigned int length
     return send_rest(whole, length, ret);
 }
 
-KIV_COLD int send_not_open(UART_infos *port, const void *buffer, unsigned int length) {
-    const int status = refuse_record(port, "sup_uart_Send", __LINE__);
+[[gnu::noinline]] int send_checked(UART_infos *port, const void *buffer, unsigned int length) {
+    const int status = check_record(port, "sup_uart_Send", __LINE__);
     return status == 0 ? send_unusual(port, buffer, length) : status;
 }
 
 } // namespace
 
 int sup_uart_Send(UART_infos *port, const void *buffer, unsigned int length) {
-    if (!is_open(port)) [[unlikely]]
-        return send_not_open(port, buffer, length);
+    if (kiv::small_code || !is_open(port))
+        return send_checked(port, buffer, length);
     return send_piece(port, buffer, length);
 }
 
@@ -584,8 +613,8 @@ int sup_uart_Sendv(UART_infos *port, const struct iovec *iov, int iovcnt, unsign
         return send_gathered(port, iov, iovcnt, sent, __func__);
     for (const iovec *end = iov + iovcnt; iov < end; ++iov) {
         const auto length = static_cast<unsigned int>(iov->iov_len);
-        const int status =
-            open ? send_piece(port, iov->iov_base, length) : sup_uart_Send(port, iov->iov_base, length);
+        const int status = !kiv::small_code && open ? send_piece(port, iov->iov_base, length)
+                                                    : sup_uart_Send(port, iov->iov_base, length);
         *sent += length;
         if (status != 0) [[unlikely]]
             return KIV_WARN(status);
@@ -593,34 +622,11 @@ int sup_uart_Sendv(UART_infos *port, const struct iovec *iov, int iovcnt, unsign
     return 0;
 }
 
-// 5. Line control ---------------------------------------------------------------------------------------
+// 6. Line control ---------------------------------------------------------------------------------------
 
 namespace {
 
-int read_settings(int fd, termios2 *termios_p, const char *function) {
-    if (kiv_tcgetattr(fd, termios_p) == -1) [[unlikely]]
-        return trace_and_warn(kiv::in(function, KIV_SITE("ret = kiv_tcgetattr(UART_infos->fd, &termios_p)")));
-    return 0;
-}
-
-int write_settings(int fd, const termios2 *termios_p, const char *function) {
-    if (kiv_tcsetattr(fd, termios_p) == -1) [[unlikely]]
-        return trace_and_warn(
-            kiv::in(function, KIV_SITE("ret = kiv_tcsetattr(UART_infos->fd, 0, &termios_p)")));
-    return 0;
-}
-
-using settings_edit = int(termios2 *termios_p, unsigned int value);
-
-int edit_speed(termios2 *termios_p, unsigned int speed) {
-    const int refusal = uart_set_speed(termios_p, speed);
-    if (refusal != 0)
-        trace_status(kiv::in("sup_uart_Change_Speed", KIV_SITE("ret = uart_set_speed(&termios_p, speed)")),
-                     refusal);
-    return refusal;
-}
-
-int edit_parity(termios2 *termios_p, unsigned int parity) {
+int edit_parity(termios2 *termios_p, unsigned int parity, unsigned int, const char *) {
     switch (parity) {
     case UART_PARITY_NONE:
         termios_p->c_cflag &= ~static_cast<tcflag_t>(PARENB);
@@ -636,7 +642,7 @@ int edit_parity(termios2 *termios_p, unsigned int parity) {
     }
 }
 
-int edit_stop_bits(termios2 *termios_p, unsigned int stop_bits) {
+int edit_stop_bits(termios2 *termios_p, unsigned int stop_bits, unsigned int, const char *) {
     switch (stop_bits) {
     case UART_STOP_BITS_ONE:
         termios_p->c_cflag &= ~static_cast<tcflag_t>(CSTOPB);
@@ -649,20 +655,6 @@ int edit_stop_bits(termios2 *termios_p, unsigned int stop_bits) {
     }
 }
 
-// The block is written in the last step only, so a refusal or a failure leaves the line as it was.
-int change_settings(int fd, settings_edit *edit, unsigned int value, const char *function) {
-    if (kiv_tcdrain(fd) == -1) [[unlikely]]
-        return trace_and_warn(kiv::in(function, KIV_SITE("ret = kiv_tcdrain(UART_infos->fd)")));
-    termios2 termios_p;
-    int status = read_settings(fd, &termios_p, function);
-    if (status != 0)
-        return status;
-    status = edit(&termios_p, value);
-    if (status != 0)
-        return warn(status, function, __LINE__);
-    return write_settings(fd, &termios_p, function);
-}
-
 using change_slot = int (*UART_infos::*)(UART_infos *, unsigned int);
 
 int change_line(UART_infos *port, change_slot slot, settings_edit *edit, unsigned int value,
@@ -672,7 +664,12 @@ int change_line(UART_infos *port, change_slot slot, settings_edit *edit, unsigne
     // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): the report of a null record always gives EINVAL
     if (port->*slot != nullptr)
         return (port->*slot)(port, value);
-    return is_stream(*port) ? 0 : change_settings(port->fd, edit, value, function);
+    if (is_stream(*port))
+        return 0;
+    const int status = kiv_tcdrain(port->fd) == -1
+                           ? trace_errno(kiv::in(function, KIV_SITE("ret = kiv_tcdrain(UART_infos->fd)")))
+                           : change_settings(port->fd, edit, value, 0, function);
+    return status == 0 ? 0 : warn(status, function, __LINE__);
 }
 
 } // namespace
@@ -731,12 +728,8 @@ int sup_uart_RTS_Enable(UART_infos *port, unsigned int enable) {
         return EINVAL;
     if (is_stream(*port))
         return 0;
-    termios2 termios_p;
-    const int status = read_settings(port->fd, &termios_p, __func__);
-    if (status != 0)
-        return status;
-    set_flow_control(&termios_p, enable != 0);
-    return write_settings(port->fd, &termios_p, __func__);
+    const int status = change_settings(port->fd, edit_flow_control, enable, 0, __func__);
+    return status == 0 ? 0 : KIV_WARN(status);
 }
 
 int sup_uart_Set_Break(UART_infos *) {
@@ -762,7 +755,7 @@ int sup_uart_Stop_UART(UART_infos *port) {
     return status == 0 ? 0 : KIV_WARN(status);
 }
 
-// 6. Closing --------------------------------------------------------------------------------------------
+// 7. Closing --------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -138,9 +138,10 @@ KIV_COLD int failed_with(int error) {
     return -1;
 }
 
-// The call moves bytes on a descriptor as read and write do.
-template <typename Call>
-KIV_HOT int transfer(UART_infos &port, Call call) {
+enum class direction { out, in };
+
+// One frame for both ways. The buffer is only read from when bytes go out.
+KIV_HOT int transfer(UART_infos &port, direction way, void *buffer, unsigned int length) {
     btgpsdemux_state &state = state_of(port);
     sup_mutex_lock(&state.mutex);
     int status = 0;
@@ -149,7 +150,8 @@ KIV_HOT int transfer(UART_infos &port, Call call) {
     connection now = standing_connection(port);
     sup_mutex_unlock(&state.mutex);
     while (status == 0) {
-        const ssize_t count = call(now.fd);
+        const ssize_t count =
+            way == direction::out ? ::write(now.fd, buffer, length) : ::read(now.fd, buffer, length);
         if (count > 0) [[likely]]
             return static_cast<int>(count);
         status = renew(port, now);
@@ -158,11 +160,11 @@ KIV_HOT int transfer(UART_infos &port, Call call) {
 }
 
 int pos_btgpsdemux_read(UART_infos *port, void *buffer, unsigned int length) {
-    return transfer(*port, [=](int fd) { return ::read(fd, buffer, length); });
+    return transfer(*port, direction::in, buffer, length);
 }
 
 int pos_btgpsdemux_write(UART_infos *port, const void *buffer, unsigned int length) {
-    return transfer(*port, [=](int fd) { return ::write(fd, buffer, length); });
+    return transfer(*port, direction::out, const_cast<void *>(buffer), length);
 }
 
 // 4. Opening, closing -----------------------------------------------------------------------------------

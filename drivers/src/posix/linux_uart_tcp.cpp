@@ -221,12 +221,10 @@ int pos_write_tcp(UART_infos *port, const void *buffer, unsigned int length) {
     return write_again(port, buffer, length, connection, count);
 }
 
-sockaddr_in address_of(in_addr host, long port_number) {
-    sockaddr_in address{};
+// Completes a cleared address that has its host.
+void set_port(sockaddr_in &address, long port_number) {
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port_number)); // the low 16 bits
-    address.sin_addr = host;
-    return address;
 }
 
 } // namespace
@@ -234,15 +232,15 @@ sockaddr_in address_of(in_addr host, long port_number) {
 // 4. Server opening -------------------------------------------------------------------------------------
 
 int pos_open_tcp(UART_infos *port, const char *device_name, unsigned int options) {
-    if (port == nullptr)
-        return kiv::refuse_null(KIV_SITE("(UART_infos) != ((void *)0)"));
-    if (device_name == nullptr)
-        return kiv::refuse_null(KIV_SITE("(device_name) != ((void *)0)"));
+    if (port == nullptr || device_name == nullptr) [[unlikely]]
+        return kiv::refuse_opening(port, __func__, __LINE__);
     const char *number = kiv::after("tcp:", device_name);
     if (number == nullptr)
         return EINVAL;
     const long port_number = ::strtol(number, nullptr, 10);
-    const sockaddr_in address = address_of({.s_addr = htonl(INADDR_ANY)}, port_number);
+    sockaddr_in address{}; // the host that stands for all of this machine's addresses is zero
+    static_assert(INADDR_ANY == 0);
+    set_port(address, port_number);
 
     kiv::unique_fd listener(::socket(AF_INET, SOCK_STREAM, 0));
     if (listener.get() == -1)
@@ -290,20 +288,16 @@ bool parse(const char *device_name, peer_name &peer) {
     peer.host[length] = '\0';
     char *end = nullptr;
     peer.port_number = ::strtol(colon + 1, &end, 10);
-    in_addr address{};
-    if (end == colon + 1 || ::inet_pton(AF_INET, peer.host, &address) != 1)
-        return false;
-    peer.address = address_of(address, peer.port_number);
-    return true;
+    peer.address = {};
+    set_port(peer.address, peer.port_number);
+    return end != colon + 1 && ::inet_pton(AF_INET, peer.host, &peer.address.sin_addr) == 1;
 }
 
 } // namespace
 
 int pos_open_tcp_client(UART_infos *port, const char *device_name, unsigned int options) {
-    if (port == nullptr)
-        return kiv::refuse_null(KIV_SITE("(UART_infos) != ((void *)0)"));
-    if (device_name == nullptr)
-        return kiv::refuse_null(KIV_SITE("(device_name) != ((void *)0)"));
+    if (port == nullptr || device_name == nullptr) [[unlikely]]
+        return kiv::refuse_opening(port, __func__, __LINE__);
     peer_name peer;
     if (!parse(device_name, peer))
         return EINVAL;

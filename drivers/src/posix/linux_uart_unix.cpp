@@ -148,10 +148,8 @@ int pos_write_unix(UART_infos *port, const void *buffer, unsigned int length) {
 // 4. Opening --------------------------------------------------------------------------------------------
 
 int pos_open_unix(UART_infos *port, const char *device_name, unsigned int) {
-    if (port == nullptr)
-        return kiv::refuse_null(KIV_SITE("(UART_infos) != ((void *)0)"));
-    if (device_name == nullptr)
-        return kiv::refuse_null(KIV_SITE("(device_name) != ((void *)0)"));
+    if (port == nullptr || device_name == nullptr) [[unlikely]]
+        return kiv::refuse_opening(port, __func__, __LINE__);
     const char *name = kiv::after("unix:", device_name);
     if (name == nullptr)
         return EINVAL;
