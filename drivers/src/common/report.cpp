@@ -65,27 +65,6 @@ int trace_errno(const char *text, const char *function, int line, const char *pa
     return old_errno;
 }
 
-namespace {
-
-constexpr char request_format[] =
-    "ret = ioctl(%s, (((%s) << (((0+8)+8)+14)) | ((('%c')) << (0+8)) | (((%u)) << 0) | "
-    "((((sizeof(%s)))) << ((0+8)+8))), %s)";
-constexpr size_t statement_size = 168;
-static_assert(sizeof request_format + sizeof "UART_infos->fd2U|1Ustruct gpio_direction&data" <=
-              statement_size);
-
-} // namespace
-
-int trace_request(const request_statement &request, const char *function, int line,
-                  const char *path) noexcept {
-    char statement[statement_size];
-    const int before = errno;
-    ::snprintf(statement, sizeof statement, request_format, request.fd, request.direction, request.type,
-               request.number, request.size, request.argument);
-    errno = before;
-    return trace_errno(statement, function, line, path);
-}
-
 int trace_and_warn(const char *text, const char *function, int line, const char *path) noexcept {
     return warn(trace_errno(text, function, line, path), function, line, path);
 }

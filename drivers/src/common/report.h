@@ -120,22 +120,6 @@ namespace here {
 }
 } // namespace
 
-// The statement of a device request, as the preprocessor leaves it: long, and nearly the same for each.
-struct request_statement {
-    const char *fd;
-    const char *direction; // "1U": to the device; "2U|1U": both ways
-    char type;
-    unsigned int number;
-    const char *size; // of what is handed over
-    const char *argument;
-};
-
-namespace report {
-// Composes the statement and traces it, as trace_errno.
-[[gnu::cold]] int trace_request(const request_statement &request, const char *function, int line,
-                                const char *path) noexcept;
-} // namespace report
-
 // The text of an error number, for a message that is not a trace. errno stays as it is.
 class error_text {
   public:

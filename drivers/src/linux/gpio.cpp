@@ -21,6 +21,7 @@
 #include <linux/ioctl.h>
 #include <sys/ioctl.h>
 
+#include "common/device_request.h"
 #include "common/fd.h"
 #include "common/hints.h"
 #include "common/report.h"

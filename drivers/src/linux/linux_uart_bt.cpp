@@ -20,6 +20,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include "common/device_request.h"
 #include "common/fd.h"
 #include "common/hints.h"
 #include "common/prefix.h"

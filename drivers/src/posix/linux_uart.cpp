@@ -408,7 +408,7 @@ KIV_COLD timeval split_seconds(unsigned int timeout_us) {
 }
 
 KIV_HOT timeval limit_of(unsigned int timeout_us) {
-    if (timeout_us < second_us) [[likely]]
+    if (!kiv::small_code && timeout_us < second_us) [[likely]]
         return {.tv_sec = 0, .tv_usec = static_cast<suseconds_t>(timeout_us)};
     return split_seconds(timeout_us);
 }
@@ -459,7 +459,7 @@ KIV_COLD int end_of_timed_read(timed_step step, int ret) {
 }
 
 // Goes on with a timed read from the step whose call gave ret.
-[[gnu::noinline]] int read_timed_rest(timed_read now, timed_step step, int ret) {
+[[gnu::noinline]] int read_timed_rest(timed_read &&now, timed_step step, int ret) {
     for (;;) {
         if (step == timed_step::wait) {
             const int status = ret > 0 ? EINTR : end_of_wait(now, ret);
@@ -489,8 +489,7 @@ KIV_COLD int end_of_timed_read(timed_step step, int ret) {
 }
 
 // A read whose first byte is all, and one of a length that no call can move.
-[[gnu::noinline]] int read_timed_unusual(UART_infos *port, void *buffer, unsigned int *length,
-                                         unsigned int timeout_us) {
+int read_timed_unusual(UART_infos *port, void *buffer, unsigned int *length, unsigned int timeout_us) {
     if (*length == 0)
         return 0;
     auto *at = static_cast<char *>(buffer);

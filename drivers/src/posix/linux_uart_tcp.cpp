@@ -16,7 +16,6 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -279,18 +278,22 @@ struct peer_name {
 
 // "tcpout:", a dotted IPv4 address, ":" and a number.
 bool parse(const char *device_name, peer_name &peer) {
-    const char *host = kiv::after("tcpout:", device_name);
-    const char *colon = host != nullptr ? ::strchr(host, ':') : nullptr;
-    if (colon == nullptr || static_cast<size_t>(colon - host) >= sizeof peer.host)
+    const char *at = kiv::after("tcpout:", device_name);
+    if (at == nullptr)
         return false;
-    const auto length = static_cast<size_t>(colon - host);
-    ::memcpy(peer.host, host, length);
+    size_t length = 0;
+    for (; *at != ':'; ++at, ++length) {
+        if (*at == '\0' || length == sizeof peer.host - 1)
+            return false;
+        peer.host[length] = *at;
+    }
     peer.host[length] = '\0';
+    const char *number = at + 1;
     char *end = nullptr;
-    peer.port_number = ::strtol(colon + 1, &end, 10);
+    peer.port_number = ::strtol(number, &end, 10);
     peer.address = {};
     set_port(peer.address, peer.port_number);
-    return end != colon + 1 && ::inet_pton(AF_INET, peer.host, &peer.address.sin_addr) == 1;
+    return end != number && ::inet_pton(AF_INET, peer.host, &peer.address.sin_addr) == 1;
 }
 
 } // namespace
