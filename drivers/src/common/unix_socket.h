@@ -6,10 +6,6 @@
 #include <cstring>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
-
-#include "common/hints.h"
-#include "common/slots.h"
 
 namespace kiv {
 
@@ -32,16 +28,6 @@ inline int unix_socket() noexcept {
 
 inline int connect_unix(int fd, const sockaddr_un &address) noexcept {
     return ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
-}
-
-// Ends the port's connection, with the transport's mutex held. The record loses the number first, so that
-// hardly anybody takes it up on its way out; the shutdown brings back whoever is blocked on the socket, which
-// closing alone does not, and tells the peer even then.
-KIV_COLD inline void end_connection(UART_infos &port) noexcept {
-    const int fd = port.fd;
-    set_current_fd(port, -1);
-    ::shutdown(fd, SHUT_RDWR);
-    ::close(fd);
 }
 
 } // namespace kiv

@@ -257,7 +257,7 @@ int bluez_open_dev(int dev_id) {
     return kiv::report::trace_request({.fd = "UART_infos->fd",
                                        .direction = "1U",
                                        .type = 'H',
-                                       .number = _IOC_NR(request),
+                                       .number = static_cast<unsigned int>(_IOC_NR(request)),
                                        .size = "int",
                                        .argument = argument},
                                       function, line, KIV_MODULE);

@@ -16,6 +16,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "common/fd.h"
@@ -39,6 +40,7 @@ struct btgpsdemux_state {
     sockaddr_un server_address;
     uint32_t never_connected;
     uint32_t replaced; // the count of the connection that was ended for another one's failure, or 0
+    int32_t lost;      // the number of an ended connection, kept until the next one takes it over, or -1
 };
 
 // What a transfer works on.
@@ -62,6 +64,7 @@ int make_state(UART_infos &port, const char *socket_path) {
         return status;
     }
     state->never_connected = 1;
+    state->lost = -1;
     kiv::name_socket(state->server_address, socket_path);
     port.priv = state;
     return 0;
@@ -70,6 +73,7 @@ int make_state(UART_infos &port, const char *socket_path) {
 // Everything that an opening made, as far as it came. Harmless a second time.
 void release(UART_infos &port) {
     if (port.priv != nullptr) {
+        const kiv::unique_fd lost(state_of(port).lost);
         sup_mutex_destroy(&state_of(port).mutex);
         ::free(port.priv);
         port.priv = nullptr;
@@ -93,10 +97,28 @@ void begin(UART_infos &port, int fd) {
     tell(port, port.status_cb.connected);
 }
 
+// Shuts the connection down, which brings back whoever is blocked on it and tells the service. Its number
+// stays the port's: a thread that is late with it finds the end of the old connection or the new one, and
+// never somebody else's descriptor.
+void end_connection(UART_infos &port) {
+    const int number = port.fd;
+    kiv::set_current_fd(port, -1);
+    ::shutdown(number, SHUT_RDWR);
+    state_of(port).lost = number;
+}
+
+// The number of the next connection, whose socket is given: the lost one's, if it can be had.
+int take_number(btgpsdemux_state &state, kiv::unique_fd &connected) {
+    kiv::unique_fd lost(state.lost);
+    state.lost = -1;
+    return lost.get() != -1 && ::dup2(connected.get(), lost.get()) != -1 ? lost.release()
+                                                                         : connected.release();
+}
+
 // With the mutex held. Returns 0 when connected, or the error of a socket that could not be made.
 KIV_COLD int btgpsdemux_reconnect(UART_infos &port) {
     if (port.fd != -1)
-        kiv::end_connection(port);
+        end_connection(port);
     if (state_of(port).never_connected == 0)
         tell(port, port.status_cb.disconnected);
     kiv::unique_fd fresh(kiv::unix_socket());
@@ -105,7 +127,7 @@ KIV_COLD int btgpsdemux_reconnect(UART_infos &port) {
     constexpr useconds_t retry_interval_us = 500000;
     while (kiv::connect_unix(fresh.get(), state_of(port).server_address) == -1)
         ::usleep(retry_interval_us);
-    begin(port, fresh.release());
+    begin(port, take_number(state_of(port), fresh));
     return 0;
 }
 
