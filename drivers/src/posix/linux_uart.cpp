@@ -232,7 +232,7 @@ int sup_uart_Init(UART_infos *port, const char *device_name, unsigned int speed,
 // 5. Reading, writing -----------------------------------------------------------------------------------
 
 // The usual case of each operation comes first, in a straight line: an open record and a call that moves all
-// bytes at once. Everything else goes on out of line.
+// bytes at once. Everything else goes on out of line, and so does everything in a build for size.
 
 namespace {
 
@@ -317,7 +317,6 @@ struct request {
     return 0;
 }
 
-// With every check.
 [[gnu::noinline]] int read_partial_checked(UART_infos *port, void *buffer, unsigned int *length) {
     const int status = check_reader(port, "sup_uart_Read_partial", __LINE__);
     if (status != 0 || *length == 0)
@@ -488,7 +487,7 @@ KIV_COLD int end_of_timed_read(timed_step step, int ret) {
     }
 }
 
-// A read whose first byte is all, and one of a length that no call can move.
+// From the first byte on: a read for which that is all, and one of a length that no call can move.
 int read_timed_unusual(UART_infos *port, void *buffer, unsigned int *length, unsigned int timeout_us) {
     if (*length == 0)
         return 0;
