@@ -2,6 +2,7 @@
 
 #include "common/device_request.h"
 
+#include <cerrno>
 #include <cstdio>
 
 #include "common/fd.h"
@@ -22,6 +23,8 @@ static_assert(statement_size + sizeof "drivers/src/linux/linux_uart_bt:%d in %s,
 
 int trace_request(const request_statement &request, const char *function, int line,
                   const char *path) noexcept {
+    if (!pos_wants(1))
+        return errno;
     char statement[statement_size];
     {
         const errno_guard keep;

@@ -14,6 +14,7 @@
 
 #include "kiv/gpio.h"
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -127,6 +128,8 @@ static_assert(statement_size + sizeof KIV_MODULE ":%d in %s,  : %s\n" <= kiv::fo
 // Composes the statement of a call that is repeated after a signal, and traces it. Returns its errno.
 [[gnu::cold, gnu::noinline]] int trace_repeated(const char *left_side, const char *call, const char *function,
                                                 int line) {
+    if (!kiv::pos_wants(1))
+        return errno;
     char statement[statement_size];
     {
         const kiv::errno_guard keep;
@@ -187,6 +190,8 @@ constexpr size_t path_size = 50;
 
 // Traces a write, whose statement shows the text and its size.
 [[gnu::cold, gnu::noinline]] void trace_write(const char *text, size_t size, const char *function, int line) {
+    if (!kiv::pos_wants(1))
+        return;
     char call[32];
     {
         const kiv::errno_guard keep;
