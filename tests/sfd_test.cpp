@@ -1,11 +1,8 @@
 // The cancellable descriptor by itself, on a pseudo-terminal and on the board.
 
 #include <cerrno>
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
 
 #include "fixtures/pty.h"
 #include "fixtures/resources.h"
@@ -34,19 +31,9 @@ class SfdTest : public LoggedBoardTest {
         LoggedBoardTest::TearDown();
     }
     ssize_t read() { return kiv_linux_sread(s_, buffer_, sizeof buffer_); }
-    void feed(const std::string &bytes) const {
-        ASSERT_EQ(::write(pty_.master(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-        pollfd arrives = {kiv_linux_sfdno(s_), POLLIN, 0}; // the kernel passes it on by a worker of its own
-        ASSERT_EQ(::poll(&arrives, 1, -1), 1);
-    }
 };
 
-TEST_F(SfdTest, OwnsTheDeviceThatTheFlagsAskFor) {
-    struct stat mine {};
-    struct stat path {};
-    ASSERT_EQ(::fstat(kiv_linux_sfdno(s_), &mine), 0);
-    ASSERT_EQ(::stat(pty_.path().c_str(), &path), 0);
-    EXPECT_EQ(mine.st_rdev, path.st_rdev);
+TEST_F(SfdTest, OpensWithTheFlagsThatAreAskedFor) {
     EXPECT_EQ(::fcntl(kiv_linux_sfdno(s_), F_GETFL) & (O_ACCMODE | O_NONBLOCK), O_RDWR);
     kiv_linux_sfd_t *other = kiv_linux_sopen("/dev/null", O_RDONLY | O_CLOEXEC);
     ASSERT_NE(other, nullptr);
@@ -59,19 +46,21 @@ TEST_F(SfdTest, OwnsTheDeviceThatTheFlagsAskFor) {
 TEST_F(SfdTest, EachCancellationEndsOneReadAndDataGoesFirst) {
     EXPECT_EQ(kiv_linux_sclose_cancel(s_), 1);
     EXPECT_EQ(kiv_linux_sclose_cancel(s_), 1);
-    feed("data");
+    const short data_and_cancel[] = {POLLIN, POLLIN};
+    ASSERT_EQ(kiv_sim_answer_poll(1, 1, data_and_cancel, 2), 0);
+    EXPECT_EQ(::write(pty_.master(), "data", 4), 4);
     EXPECT_EQ(read(), 4);
     EXPECT_STREQ(buffer_, "data");
     EXPECT_EQ(read(), 0);
     EXPECT_EQ(read(), 0);
-    // Nothing is left of them: the next read waits until it is released from another thread.
-    const unsigned polls = kiv_sim_calls(KIV_SIM_POLL) + 1;
-    std::thread other([&] {
+    // Nothing is left of the cancellations: the next read waits.
+    std::thread far([this, polls = kiv_sim_calls(KIV_SIM_POLL) + 1] {
         kiv_sim_wait_calls(KIV_SIM_POLL, polls);
-        EXPECT_EQ(kiv_linux_sclose_cancel(s_), 1);
+        EXPECT_EQ(::write(pty_.master(), "more", 4), 4);
     });
-    EXPECT_EQ(read(), 0);
-    other.join();
+    EXPECT_EQ(read(), 4);
+    EXPECT_STREQ(buffer_, "more");
+    far.join();
     EXPECT_EQ(kiv_linux_sclose_cancel(s_), 1); // never used: no matter to the closing
 }
 
@@ -92,53 +81,25 @@ TEST_F(SfdTest, EventWithoutDataIsAnErrorOfItsOwn) {
         errno = EINTR; // left over from something else
         EXPECT_EQ(read(), -1);
         EXPECT_EQ(errno, EIO);
-        kiv_sim_clear_faults();
     }
     ASSERT_EQ(kiv_linux_sclose_cancel(s_), 1);
     ASSERT_EQ(kiv_sim_answer_poll(1, 1, hang_up_and_cancel, 2), 0);
     EXPECT_EQ(read(), 0);
 }
 
-TEST_F(SfdTest, PseudoTerminalThatHangsUpIsAtItsEnd) {
-    Pty gone;
-    kiv_linux_sfd_t *s = kiv_linux_sopen(gone.path().c_str(), O_RDWR | O_NOCTTY);
-    ASSERT_NE(s, nullptr);
-    gone.hang_up();
-    for (int i = 0; i < 3; ++i) { // and stays so
-        errno = EINTR;
-        const ssize_t ret = kiv_linux_sread(s, buffer_, sizeof buffer_);
-        EXPECT_TRUE(ret == 0 || (ret == -1 && errno == EIO)) << ret << ", errno " << errno;
-    }
-    EXPECT_EQ(kiv_linux_sclose(s), 0);
-}
-
-TEST_F(SfdTest, FailedOpeningLeavesNothing) {
-    EXPECT_EQ(kiv_linux_sopen("/nonexistent", O_RDWR), nullptr);
-    EXPECT_EQ(errno, ENOENT);
-    const struct {
-        kiv_sim_call call;
-        int error;
-    } steps[] = {{KIV_SIM_OPEN, EMFILE}, {KIV_SIM_CALLOC, ENOMEM}, {KIV_SIM_PIPE, ENFILE}};
-    for (const auto &step : steps) {
-        if (kiv_sim_fail(step.call, 1, 1, step.error) != 0)
-            continue; // allocation under a sanitizer
-        ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EIO), 0);
-        EXPECT_EQ(kiv_linux_sopen(pty_.path().c_str(), O_RDWR | O_NOCTTY), nullptr);
-        EXPECT_EQ(errno, step.error);
-        kiv_sim_clear_faults();
-    }
-}
-
-// The pipe is closed first, and what its closing gives is ignored.
-TEST_F(SfdTest, ClosingGivesTheResultOfTheDevice) {
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 2, EIO), 0);
-    EXPECT_EQ(kiv_linux_sclose(s_), 0);
-    s_ = kiv_linux_sopen(pty_.path().c_str(), O_RDWR | O_NOCTTY);
+TEST_F(SfdTest, FailureIsToldByItsOwnErrno) {
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_PIPE, 1, 1, ENFILE), 0);
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EIO), 0); // on the way out
+    EXPECT_EQ(kiv_linux_sopen(pty_.path().c_str(), O_RDWR | O_NOCTTY), nullptr);
+    EXPECT_EQ(errno, ENFILE);
+    // The pipe is closed first, and what its closing gives is ignored.
     kiv_sim_clear_faults();
+    const unsigned closes = kiv_sim_calls(KIV_SIM_CLOSE);
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 2, EIO), 0);
     ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 3, 1, EINTR), 0);
     EXPECT_EQ(kiv_linux_sclose(s_), -1);
     EXPECT_EQ(errno, EINTR);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_CLOSE), 6U); // and is not repeated
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_CLOSE), closes + 3); // and is not repeated
     s_ = nullptr;
 }
 
