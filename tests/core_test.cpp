@@ -1,9 +1,9 @@
 // The stand-in kiv-core: what kiv-drivers relies on, and nothing of kiv-drivers itself.
 
+#include <atomic>
 #include <cerrno>
-#include <csignal>
+#include <chrono>
 #include <cstring>
-#include <ctime>
 #include <functional>
 #include <map>
 #include <string>
@@ -21,7 +21,7 @@ namespace {
 
 class CoreTest : public BoardTest {};
 
-// Mutexes -------------------------------------------------------------------------------------------------
+// Mutexes and threads ---------------------------------------------------------------------------------------
 
 TEST_F(CoreTest, MutexWorksAtEveryWordAndKeepsToIts28Bytes) {
     for (const std::size_t offset : {1U, 2U}) {
@@ -30,9 +30,9 @@ TEST_F(CoreTest, MutexWorksAtEveryWordAndKeepsToIts28Bytes) {
         auto *mutex = reinterpret_cast<sup_mutex_t *>(storage + offset);
         ASSERT_EQ(sup_mutex_init(mutex, 0), 0);
         int shared = 0;
-        const unsigned rounds = scaled(200000);
+        const int rounds = scaled(200000);
         const auto count = [&] {
-            for (unsigned i = 0; i < rounds; ++i) {
+            for (int i = 0; i < rounds; ++i) {
                 sup_mutex_lock(mutex);
                 ++shared;
                 sup_mutex_unlock(mutex);
@@ -41,8 +41,9 @@ TEST_F(CoreTest, MutexWorksAtEveryWordAndKeepsToIts28Bytes) {
         std::thread other(count);
         count();
         other.join();
-        EXPECT_EQ(shared, static_cast<int>(2 * rounds));
+        EXPECT_EQ(shared, 2 * rounds);
         EXPECT_EQ(sup_mutex_destroy(mutex), 0);
+        EXPECT_EQ(sup_mutex_lock(mutex), EINVAL);
         for (std::size_t i = 0; i < std::size(storage); ++i)
             if (i < offset || i >= offset + 7) {
                 EXPECT_EQ(storage[i], 0xA5A5A5A5U) << "word " << i << " beside the mutex";
@@ -52,158 +53,120 @@ TEST_F(CoreTest, MutexWorksAtEveryWordAndKeepsToIts28Bytes) {
 
 TEST_F(CoreTest, MutexThatIsNotInitialisedIsRefused) {
     sup_mutex_t mutex{};
+    if (kiv_sim_fail(KIV_SIM_MALLOC, 1, 1, ENOMEM) == 0) {
+        EXPECT_EQ(sup_mutex_init(&mutex, 0), ENOMEM);
+    }
     EXPECT_EQ(sup_mutex_lock(&mutex), EINVAL);
     EXPECT_EQ(sup_mutex_unlock(&mutex), EINVAL);
     EXPECT_EQ(sup_mutex_destroy(&mutex), EINVAL);
-    if (kiv_sim_fail(KIV_SIM_MALLOC, 1, 1, ENOMEM) == 0) {
-        EXPECT_EQ(sup_mutex_init(&mutex, 0), ENOMEM);
-        EXPECT_EQ(sup_mutex_lock(&mutex), EINVAL);
-    }
-}
-
-// Threads -------------------------------------------------------------------------------------------------
-
-struct Entered {
-    std::string name; // of the thread; empty until it has run
-    bool go = false;
-};
-
-void *enter(void *argument) {
-    auto *seen = static_cast<Entered *>(argument);
-    while (!__atomic_load_n(&seen->go, __ATOMIC_ACQUIRE))
-        ::sched_yield();
-    char name[16];
-    ::pthread_getname_np(::pthread_self(), name, sizeof name);
-    seen->name = name;
-    return nullptr;
 }
 
 struct CoreThread {
-    sup_thread_control_t control{};
+    std::atomic<bool> go = false;
+    std::string name{}; // as the thread has seen it; empty until it has run
+    int deletion_of_itself = 0;
     sup_thread_t handle = nullptr;
+    sup_thread_control_t control{};
 
-    CoreThread(void *(*entry)(void *), void *argument, const char *name = "BNEP sender, and more") {
-        EXPECT_EQ(sup_thread_create(&handle, &control, 7, entry, argument, 0, name), 0);
-        EXPECT_NE(handle, nullptr);
+    CoreThread() {
+        EXPECT_EQ(sup_thread_create(&handle, &control, 7, enter, this, 0, "BNEP sender, and more"), 0);
+    }
+
+    static void *enter(void *argument) {
+        auto *own = static_cast<CoreThread *>(argument);
+        own->go.wait(false);
+        char name[16];
+        ::pthread_getname_np(::pthread_self(), name, sizeof name);
+        own->name = name;
+        own->deletion_of_itself = sup_thread_delete(own->handle);
+        return nullptr;
+    }
+    void let_go() {
+        go = true;
+        go.notify_one();
     }
 };
 
 TEST_F(CoreTest, ThreadWaitsToBeResumedAndIsWaitedForAtItsDeletion) {
-    Entered held{.name = "", .go = true};
-    Entered free{.name = "", .go = false};
-    CoreThread suspended(enter, &held);
-    CoreThread running(enter, &free);
+    CoreThread suspended;
+    CoreThread running;
+    suspended.let_go();
     EXPECT_EQ(sup_thread_resume(running.handle), 0);
     EXPECT_EQ(sup_thread_resume(running.handle), EINVAL);
-    __atomic_store_n(&free.go, true, __ATOMIC_RELEASE);
+    running.let_go();
     EXPECT_EQ(sup_thread_delete(running.handle), 0);
-    EXPECT_EQ(free.name, "BNEP sender, an"); // written by the thread: it has ended
+    EXPECT_EQ(running.name, "BNEP sender, an"); // written by the thread: it has ended
+    EXPECT_EQ(running.deletion_of_itself, EINVAL);
     EXPECT_EQ(sup_thread_delete(suspended.handle), 0);
-    EXPECT_EQ(held.name, ""); // and this one never ran
+    EXPECT_EQ(suspended.name, ""); // and this one never ran
     EXPECT_EQ(sup_thread_resume(nullptr), EINVAL);
     EXPECT_EQ(sup_thread_delete(nullptr), EINVAL);
 }
 
-TEST_F(CoreTest, ThreadDoesNotWaitForItself) {
-    struct Self {
-        sup_thread_t handle;
-        int status;
-    } self{};
-    CoreThread thread(
-        [](void *argument) -> void * {
-            auto *own = static_cast<Self *>(argument);
-            own->status = sup_thread_delete(own->handle);
-            return nullptr;
-        },
-        &self);
-    self.handle = thread.handle;
-    EXPECT_EQ(sup_thread_resume(thread.handle), 0);
-    EXPECT_EQ(sup_thread_delete(thread.handle), 0);
-    EXPECT_EQ(self.status, EINVAL);
-}
-
-double seconds_now() {
-    timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
 TEST_F(CoreTest, DelayLastsItsTimeUnderSignals) {
-    for (const unsigned milliseconds : {0U, 30U, 1010U}) {
-        const double begin = seconds_now();
+    for (const unsigned milliseconds : {30U, 1990U}) {
+        const auto begin = std::chrono::steady_clock::now();
         const Interrupter interrupter(::pthread_self());
         EXPECT_EQ(sup_thread_delay(milliseconds, 0), 0);
-        EXPECT_GE(seconds_now() - begin, milliseconds * 1e-3);
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(milliseconds));
     }
 }
 
-// Logging -------------------------------------------------------------------------------------------------
+// Logging ---------------------------------------------------------------------------------------------------
 
-// Collects what is written to stderr while it lives.
-class StderrPipe {
-    int saved_ = ::dup(STDERR_FILENO);
-    int read_end_ = -1;
-    std::string collected_;
-    std::thread reader_;
-
-  public:
-    StderrPipe() {
-        int ends[2];
-        EXPECT_EQ(::pipe(ends), 0);
-        ::dup2(ends[1], STDERR_FILENO);
-        ::close(ends[1]);
-        read_end_ = ends[0];
-        reader_ = std::thread([this] {
-            std::vector<char> buffer(65536);
-            ssize_t count;
-            while ((count = ::read(read_end_, buffer.data(), buffer.size())) > 0)
-                collected_.append(buffer.data(), static_cast<std::size_t>(count));
-        });
-    }
-    StderrPipe(const StderrPipe &) = delete;
-    StderrPipe &operator=(const StderrPipe &) = delete;
-    ~StderrPipe() { finish(); }
-
-    std::string finish() {
-        if (reader_.joinable()) {
-            ::dup2(saved_, STDERR_FILENO);
-            ::close(saved_);
-            reader_.join();
-            ::close(read_end_);
-        }
-        return collected_;
-    }
-};
+// What is written to stderr meanwhile. Through a pipe: that takes long texts in pieces.
+std::string stderr_of(const std::function<void()> &act) {
+    int ends[2];
+    EXPECT_EQ(::pipe(ends), 0);
+    const int saved = ::dup(STDERR_FILENO);
+    ::dup2(ends[1], STDERR_FILENO);
+    ::close(ends[1]);
+    std::string collected;
+    std::thread reader([&] {
+        std::vector<char> buffer(65536);
+        ssize_t count;
+        while ((count = ::read(ends[0], buffer.data(), buffer.size())) > 0)
+            collected.append(buffer.data(), static_cast<std::size_t>(count));
+    });
+    act();
+    ::dup2(saved, STDERR_FILENO);
+    ::close(saved);
+    reader.join();
+    ::close(ends[0]);
+    return collected;
+}
 
 TEST_F(CoreTest, MessagesAreWrittenRaw) {
-    StderrPipe pipe;
-    EXPECT_EQ(sup_log_msg_nocolor_raw("POS", 1, "%s:%d in %s\n", "a/path", 12, "f"), 15);
-    EXPECT_EQ(sup_system_diag("no line end %%"), 13);
-    kiv_assert("(p) != 0", "m", 3, "g");
-    kiv_warn("ret == 0", "m", 4, "h");
-    EXPECT_EQ(pipe.finish(), "a/path:12 in f\nno line end %assertion failed: (p) != 0 (m:3 in g)\n"
-                             "warning: ret == 0 (m:4 in h)\n");
+    const std::string text = stderr_of([] {
+        EXPECT_EQ(sup_log_msg_nocolor_raw("POS", 1, "%s:%d in %s\n", "a/path", 12, "f"), 15);
+        EXPECT_EQ(sup_system_diag("no line end %%"), 13);
+        kiv_assert("(p) != 0", "m", 3, "g");
+        kiv_warn("ret == 0", "m", 4, "h");
+    });
+    EXPECT_EQ(text, "a/path:12 in f\nno line end %assertion failed: (p) != 0 (m:3 in g)\n"
+                    "warning: ret == 0 (m:4 in h)\n");
 }
 
 // Around the size of the local buffer, of a pipe's whole writes, and of a pipe.
-constexpr std::size_t lengths[] = {1, 510, 511, 512, 513, 4096, 5000, 70000};
+constexpr std::size_t lengths[] = {1, 510, 511, 512, 5000, 70000};
 
 TEST_F(CoreTest, MessagesOfManyThreadsStayWholeUnderSignals) {
-    StderrPipe pipe;
     const unsigned rounds = scaled(100);
     const Interrupter outer(::pthread_self()); // those of the threads then give way to its handler
-    std::vector<std::thread> writers;
-    for (const char mark : {'a', 'b', 'c', 'd'})
-        writers.emplace_back([=] {
-            const Interrupter interrupter(::pthread_self()); // makes long writes come back short
-            for (unsigned i = 0; i < rounds; ++i)
-                for (const std::size_t length : lengths)
-                    sup_log_msg_nocolor_raw("POS", 1, "%s\n", std::string(length, mark).c_str());
-        });
-    for (auto &writer : writers)
-        writer.join();
+    const auto write = [&](char mark) {
+        const Interrupter interrupter(::pthread_self()); // makes long writes come back short
+        for (unsigned i = 0; i < rounds; ++i)
+            for (const std::size_t length : lengths)
+                sup_log_msg_nocolor_raw("POS", 1, "%s\n", std::string(length, mark).c_str());
+    };
+    const std::string text = stderr_of([&] {
+        std::vector<std::thread> writers;
+        for (const char mark : {'a', 'b', 'c', 'd'})
+            writers.emplace_back(write, mark);
+        for (auto &writer : writers)
+            writer.join();
+    });
     std::map<std::string, unsigned> lines;
-    const std::string text = pipe.finish();
     for (std::size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
         ++lines[text.substr(at, end - at)];
     EXPECT_EQ(lines.size(), 4 * std::size(lengths));
@@ -212,38 +175,34 @@ TEST_F(CoreTest, MessagesOfManyThreadsStayWholeUnderSignals) {
 }
 
 TEST_F(CoreTest, MessageThatMemoryIsTooShortForKeepsItsBeginning) {
+    if (kiv_sim_reaches(KIV_SIM_MALLOC) == 0)
+        GTEST_SKIP() << "allocation is out of reach";
     const std::string text(5000, 'x');
-    StderrPipe pipe;
     kiv_sim_fault fault = {};
     fault.call = KIV_SIM_MALLOC;
-    fault.nth = 1;
-    fault.times = 1;
+    fault.nth = fault.times = 1;
     fault.error = ENOMEM;
     fault.this_thread = 1; // the pipe's reader allocates too
-    if (kiv_sim_arm(&fault) != 0)
-        GTEST_SKIP() << "allocation is out of reach";
-    EXPECT_EQ(sup_system_diag("%s", text.c_str()), 5000);
-    EXPECT_EQ(pipe.finish(), std::string(511, 'x'));
+    const std::string written = stderr_of([&] {
+        kiv_sim_arm(&fault);
+        EXPECT_EQ(sup_system_diag("%s", text.c_str()), 5000);
+    });
+    EXPECT_EQ(written, std::string(511, 'x'));
 }
 
 TEST_F(CoreTest, ReportsLeaveErrnoAlone) {
     const int saved = ::dup(STDERR_FILENO);
     const std::string text(5000, 'x');
     ::close(STDERR_FILENO); // the write fails
-    int after[4] = {};
     errno = ENOTTY;
     sup_log_msg_nocolor_raw("POS", 1, "%s", text.c_str());
-    after[0] = errno;
-    sup_system_diag("%s", text.c_str());
-    after[1] = errno;
-    kiv_assert("e", "f", 1, "g");
-    after[2] = errno;
+    const int after_message = errno;
     kiv_warn("e", "f", 1, "g");
-    after[3] = errno;
+    const int after_warning = errno;
     ::dup2(saved, STDERR_FILENO);
     ::close(saved);
-    for (const int each : after)
-        EXPECT_EQ(each, ENOTTY);
+    EXPECT_EQ(after_message, ENOTTY);
+    EXPECT_EQ(after_warning, ENOTTY);
 }
 
 TEST_F(CoreTest, CategoriesAreAddedOnce) {
@@ -252,15 +211,14 @@ TEST_F(CoreTest, CategoriesAreAddedOnce) {
     static kiv_log_category second = {&level, "second", nullptr};
     kiv_log_category without_level = {nullptr, "x", nullptr};
     kiv_log_category without_name = {&level, nullptr, nullptr};
-    EXPECT_EQ(kiv_log_dyn_add(nullptr), EINVAL);
-    EXPECT_EQ(kiv_log_dyn_add(&without_level), EINVAL);
-    EXPECT_EQ(kiv_log_dyn_add(&without_name), EINVAL);
+    for (kiv_log_category *refused :
+         {static_cast<kiv_log_category *>(nullptr), &without_level, &without_name})
+        EXPECT_EQ(kiv_log_dyn_add(refused), EINVAL);
     EXPECT_EQ(kiv_log_dyn_add(&first), 0);
     EXPECT_EQ(kiv_log_dyn_add(&second), 0);
     const void *const word = first.core;
     EXPECT_EQ(kiv_log_dyn_add(&first), 0); // a second entry would make a ring of the list
     EXPECT_EQ(first.core, word);
-    EXPECT_EQ(level, 3);
 }
 
 } // namespace
