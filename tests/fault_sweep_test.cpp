@@ -149,12 +149,17 @@ void close_client() {
 }
 
 // A lost peer and dropped data are no failures; what the system refuses is traced.
-const Texts accept_texts = {{KIV_SIM_SELECT, {text_of_select}}, {KIV_SIM_ACCEPT, {text_of_accept}}};
+const Texts accept_texts = {
+    {KIV_SIM_SELECT,
+     {"ret = select(UART_infos->fd_listen+1, &readfds, ((void *)0), ((void *)0), "
+      "block?((void *)0):&timeout)"}},
+    {KIV_SIM_ACCEPT, {text_of_accept}},
+};
 
 const Texts socket_texts = {
-    {KIV_SIM_SOCKET, {text_of_socket}},
+    {KIV_SIM_SOCKET, {"UART_infos->fd_listen = socket(2, SOCK_STREAM, 0)"}},
     {KIV_SIM_SETSOCKOPT, {"ret = setsockopt(UART_infos->fd_listen, 1, 2, &opt, sizeof(opt))"}},
-    {KIV_SIM_BIND, {text_of_bind}},
+    {KIV_SIM_BIND, {"ret = bind(UART_infos->fd_listen, (struct sockaddr *)&addr, sizeof(addr))"}},
     {KIV_SIM_LISTEN, {"ret = listen(UART_infos->fd_listen, 1)"}},
     {KIV_SIM_DUP2, {"ret = dup2(fd, UART_infos->fd_listen)"}},
 };
@@ -169,8 +174,8 @@ const SweptOperation tcp_rows[] = {
     swept("server_Send", server, {"pos_tcp_accept"}, accept_texts, hidden,
           [] { return sup_uart_Send(&port, buffer, 8); }),
     swept("server_close", server, {}, {}, hidden, [] { return sup_uart_close(&port); }),
-    swept("open_client", {tcp, listen_for_client, close_client}, {"pos_open_tcp_client"},
-          {{KIV_SIM_SOCKET, {text_of_socket}}}, opening, open_client),
+    swept("open_client", {tcp, listen_for_client, close_client}, {"pos_open_tcp_client"}, socket_texts,
+          opening, open_client),
     swept("lost_client_Send", {tcp, lose_client, close_client}, {"pos_connect_tcp_client"}, socket_texts,
           hidden, [] { return sup_uart_Send(&port, buffer, 8); }),
 };

@@ -5,9 +5,7 @@
 #include <thread>
 
 #include "fixtures/pty.h"
-#include "fixtures/resources.h"
 #include "fixtures/serial.h"
-#include "fixtures/signal.h"
 
 namespace kiv::test {
 namespace {
@@ -62,14 +60,6 @@ TEST_F(SfdTest, EachCancellationEndsOneReadAndDataGoesFirst) {
     EXPECT_STREQ(buffer_, "more");
     far.join();
     EXPECT_EQ(kiv_linux_sclose_cancel(s_), 1); // never used: no matter to the closing
-}
-
-TEST_F(SfdTest, SignalEndsTheWait) {
-    const Interrupter interrupter(::pthread_self());
-    for (unsigned i = 0; i < scaled(1000); ++i) {
-        EXPECT_EQ(read(), -1);
-        EXPECT_EQ(errno, EINTR);
-    }
 }
 
 TEST_F(SfdTest, EventWithoutDataIsAnErrorOfItsOwn) {
