@@ -501,5 +501,64 @@ TEST_F(TcpTest, WriterTriesOnceToConnectAgain) {
     close();
 }
 
+// In numbers ------------------------------------------------------------------------------------------------
+
+TEST_F(TcpTest, ThousandPortsAreOpenAtOnce) {
+    constexpr unsigned count = 1000;
+    if (!NumbersTaken::allow(2 * count + 200))
+        GTEST_SKIP() << "the system allows too few descriptors";
+    std::vector<UART_infos> ports(count);
+    std::vector<Peer> peers;
+    for (auto &port : ports)
+        ASSERT_EQ(sup_uart_Init(&port, "tcp:", 0, 0), 0);
+    for (auto &port : ports) {
+        peers.emplace_back(connect_to_port(number_of(port.fd_listen)));
+        ASSERT_TRUE(peers.back().send(std::to_string(peers.size())));
+    }
+    for (unsigned i = 0; i < count; ++i) {
+        port_ = ports[i];
+        EXPECT_EQ(read(), std::to_string(i + 1));
+        close();
+    }
+}
+
+TEST_F(TcpTest, OpeningAndClosingForEverCostsNothing) {
+    const Listener listener;
+    const auto server = [&] { return sup_uart_Init(&port_, "tcp:", 0, 0); };
+    const auto tty = [&] { return sup_uart_Init(&port_, "/dev/ttyKIV0", 9, 0); };
+    const auto client = [&] {
+        const int status = open_client(listener.client_name());
+        if (status == 0)
+            listener.accept();
+        return status;
+    };
+    const std::pair<std::function<int()>, std::vector<kiv_sim_call>> kinds[] = {
+        {server, {KIV_SIM_SOCKET, KIV_SIM_SETSOCKOPT, KIV_SIM_BIND, KIV_SIM_LISTEN}},
+        {client, {KIV_SIM_SOCKET, KIV_SIM_CALLOC, KIV_SIM_CONNECT}},
+        {tty, {KIV_SIM_OPEN, KIV_SIM_CALLOC, KIV_SIM_PIPE, KIV_SIM_IOCTL}},
+    };
+    for (const auto &[open_one, steps] : kinds) {
+        std::size_t heap = 0;
+        const auto descriptors = open_descriptors();
+        for (unsigned i = 0; i < scaled(10000) + 50; ++i) {
+            if (i == 50) // what is kept for the next time is there now
+                heap = heap_in_use();
+            ASSERT_EQ(open_one(), 0);
+            close();
+            const kiv_sim_call step = steps[i % steps.size()];
+            kiv_sim_fail(step, 1, 1, ENOMEM);
+            ASSERT_EQ(open_one(), kiv_sim_reaches(step) != 0 ? ENOMEM : 0);
+            kiv_sim_clear_faults();
+            if (port_.magic == UART_MAGIC)
+                close();
+            else if (port_.priv != nullptr)
+                pos_close_tcp_client(&port_);
+            reports();
+        }
+        EXPECT_LT(heap_in_use(), heap + 4096); // a loss of 16 bytes in one step of four would make 40 kB
+        EXPECT_EQ(open_descriptors(), descriptors);
+    }
+}
+
 } // namespace
 } // namespace kiv::test
