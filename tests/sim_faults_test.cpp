@@ -2,12 +2,10 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <set>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/select.h>
@@ -15,6 +13,7 @@
 #include <sys/uio.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 #include "fixtures/board.h"
 
@@ -27,30 +26,17 @@ constexpr int unreal = EL2HLT;
 class SimFaults : public BoardTest {
   protected:
     int pipe_[2] = {-1, -1};
-    char buffer_[16] = {};
 
     void SetUp() override {
         BoardTest::SetUp();
         ASSERT_EQ(::pipe(pipe_), 0);
     }
     void TearDown() override {
-        kiv_sim_clear_faults();
         ::close(pipe_[0]);
         ::close(pipe_[1]);
         BoardTest::TearDown();
     }
 };
-
-struct KindOfCall {
-    kiv_sim_call kind;
-    bool (*fails)(); // makes the call; true when it fails
-};
-
-sockaddr no_address = {};
-iovec no_piece = {.iov_base = nullptr, .iov_len = 0};
-int ends[2];
-char byte;
-timespec no_time = {.tv_sec = 0, .tv_nsec = 0};
 
 extern "C" {
 int __open_2(const char *path, int flags);
@@ -59,57 +45,16 @@ ssize_t __read_chk(int fd, void *buffer, size_t count, size_t room);
 int __poll_chk(pollfd *entries, nfds_t count, int timeout, size_t room);
 }
 
-// On no descriptor, or of no effect: only whether and how the call fails matters.
-const KindOfCall kinds[] = {
-    {KIV_SIM_OPEN, [] { return ::open("/nowhere", O_RDONLY) == -1; }},
-    {KIV_SIM_CLOSE, [] { return ::close(-1) == -1; }},
-    {KIV_SIM_READ, [] { return ::read(-1, &byte, 1) == -1; }},
-    {KIV_SIM_WRITE, [] { return ::write(-1, &byte, 1) == -1; }},
-    {KIV_SIM_READV, [] { return ::readv(-1, &no_piece, 1) == -1; }},
-    {KIV_SIM_WRITEV, [] { return ::writev(-1, &no_piece, 1) == -1; }},
-    {KIV_SIM_IOCTL, [] { return ::ioctl(-1, FIONREAD, ends) == -1; }},
-    {KIV_SIM_POLL, [] { return ::poll(nullptr, 0, 0) == -1; }},
-    {KIV_SIM_PPOLL, [] { return ::ppoll(nullptr, 0, &no_time, nullptr) == -1; }},
-    {KIV_SIM_SELECT,
-     [] {
-         timeval at_once = {};
-         return ::select(0, nullptr, nullptr, nullptr, &at_once) == -1;
-     }},
-    {KIV_SIM_PSELECT, [] { return ::pselect(0, nullptr, nullptr, nullptr, &no_time, nullptr) == -1; }},
-    {KIV_SIM_PIPE, [] { return ::pipe2(ends, -1) == -1; }},
-    {KIV_SIM_DUP, [] { return ::dup(-1) == -1; }},
-    {KIV_SIM_DUP2, [] { return ::dup2(-1, 0) == -1; }},
-    {KIV_SIM_FCNTL, [] { return ::fcntl(-1, F_GETFL) == -1; }},
-    {KIV_SIM_SOCKET, [] { return ::socket(-1, SOCK_STREAM, 0) == -1; }},
-    {KIV_SIM_BIND, [] { return ::bind(-1, &no_address, sizeof no_address) == -1; }},
-    {KIV_SIM_LISTEN, [] { return ::listen(-1, 1) == -1; }},
-    {KIV_SIM_ACCEPT, [] { return ::accept(-1, nullptr, nullptr) == -1; }},
-    {KIV_SIM_CONNECT, [] { return ::connect(-1, &no_address, sizeof no_address) == -1; }},
-    {KIV_SIM_SETSOCKOPT, [] { return ::setsockopt(-1, 0, 0, &byte, 1) == -1; }},
-    {KIV_SIM_GETSOCKOPT,
-     [] {
-         socklen_t length = 1;
-         return ::getsockopt(-1, 0, 0, &byte, &length) == -1;
-     }},
-    {KIV_SIM_SEND, [] { return ::send(-1, &byte, 1, 0) == -1; }},
-    {KIV_SIM_RECV, [] { return ::recv(-1, &byte, 1, 0) == -1; }},
-    {KIV_SIM_SHUTDOWN, [] { return ::shutdown(-1, SHUT_RD) == -1; }},
-    {KIV_SIM_USLEEP, [] { return ::usleep(0) == -1; }},
-    {KIV_SIM_NANOSLEEP, [] { return ::nanosleep(&no_time, nullptr) == -1; }},
-    {KIV_SIM_FOPEN, [] { return ::fopen("/nowhere", "r") == nullptr; }},
-    {KIV_SIM_MALLOC,
-     [] {
-         void *volatile made = std::malloc(1);
-         std::free(made);
-         return made == nullptr;
-     }},
-    {KIV_SIM_CALLOC,
-     [] {
-         void *volatile made = std::calloc(1, 1);
-         std::free(made);
-         return made == nullptr;
-     }},
-    // Other spellings of them.
+iovec no_piece = {.iov_base = nullptr, .iov_len = 0};
+timespec no_time = {.tv_sec = 0, .tv_nsec = 0};
+char byte;
+socklen_t one = 1;
+
+// What the library itself does not call: each makes the call, and tells whether it failed.
+const struct Spelling {
+    kiv_sim_call kind;
+    bool (*fails)();
+} spellings[] = {
     {KIV_SIM_OPEN, [] { return ::open64("/nowhere", O_RDONLY) == -1; }},
     {KIV_SIM_OPEN, [] { return ::openat(AT_FDCWD, "/nowhere", O_RDONLY) == -1; }},
     {KIV_SIM_OPEN, [] { return ::openat64(AT_FDCWD, "/nowhere", O_RDONLY) == -1; }},
@@ -117,40 +62,37 @@ const KindOfCall kinds[] = {
     {KIV_SIM_OPEN, [] { return __open64_2("/nowhere", O_RDONLY) == -1; }},
     {KIV_SIM_FOPEN, [] { return ::fopen64("/nowhere", "r") == nullptr; }},
     {KIV_SIM_READ, [] { return __read_chk(-1, &byte, 1, 1) == -1; }},
+    {KIV_SIM_READV, [] { return ::readv(-1, &no_piece, 1) == -1; }},
+    {KIV_SIM_RECV, [] { return ::recv(-1, &byte, 1, 0) == -1; }},
     {KIV_SIM_POLL, [] { return __poll_chk(nullptr, 0, 0, 0) == -1; }},
+    {KIV_SIM_PSELECT, [] { return ::pselect(0, nullptr, nullptr, nullptr, &no_time, nullptr) == -1; }},
     {KIV_SIM_FCNTL, [] { return ::fcntl64(-1, F_GETFL) == -1; }},
+    {KIV_SIM_DUP, [] { return ::dup(-1) == -1; }},
     {KIV_SIM_DUP2, [] { return ::dup3(-1, 0, 0) == -1; }},
     {KIV_SIM_ACCEPT, [] { return ::accept4(-1, nullptr, nullptr, 0) == -1; }},
+    {KIV_SIM_GETSOCKOPT, [] { return ::getsockopt(-1, 0, 0, &byte, &one) == -1; }},
+    {KIV_SIM_SHUTDOWN, [] { return ::shutdown(-1, SHUT_RD) == -1; }},
+    {KIV_SIM_NANOSLEEP, [] { return ::nanosleep(&no_time, nullptr) == -1; }},
     {KIV_SIM_NANOSLEEP,
      [] { return (errno = ::clock_nanosleep(CLOCK_MONOTONIC, 0, &no_time, nullptr)) != 0; }},
 };
 
 TEST_F(SimFaults, EverySpellingIsCountedAndFailsOnceWithTheErrnoAskedFor) {
-    std::set<kiv_sim_call> covered;
-    for (const auto &[kind, fails] : kinds) {
+    for (const auto &[kind, fails] : spellings) {
         SCOPED_TRACE(kiv_sim_call_name(kind));
-        covered.insert(kind);
-        if (kiv_sim_reaches(kind) == 0)
-            continue; // a sanitizer's allocator stands before the board
-        errno = 0;
-        fails();
-        const int own_errno = errno; // what the call gives where no fault is
-        const unsigned before = kiv_sim_calls(kind), fired = kiv_sim_faults_fired();
+        const auto failure = [call = fails] {
+            errno = 0;
+            const bool failed = call();
+            return std::pair(failed, errno);
+        };
+        const auto undisturbed = failure();
+        const unsigned calls = kiv_sim_calls(kind);
         ASSERT_EQ(kiv_sim_fail(kind, 1, 1, unreal), 0);
-        errno = 0;
-        const bool failed = fails();
-        const int error = errno;
-        errno = 0;
-        fails();
-        const int error_after = errno;
-        EXPECT_EQ(kiv_sim_calls(kind), before + 2);
-        EXPECT_TRUE(failed);
-        EXPECT_EQ(error, unreal);
-        EXPECT_EQ(error_after, own_errno);
-        EXPECT_EQ(kiv_sim_faults_fired(), fired + 1);
+        EXPECT_EQ(failure(), std::pair(true, unreal));
+        EXPECT_EQ(failure(), undisturbed);
+        EXPECT_EQ(kiv_sim_calls(kind), calls + 2);
         kiv_sim_clear_faults();
     }
-    EXPECT_EQ(covered.size(), static_cast<std::size_t>(KIV_SIM_CALL_KINDS));
 }
 
 TEST_F(SimFaults, ChangeTheNthCallSoManyTimes) {
@@ -179,8 +121,8 @@ TEST_F(SimFaults, ChangeTheNthCallSoManyTimes) {
 }
 
 TEST_F(SimFaults, CanBeBoundToARequestOrAThread) {
-    ASSERT_EQ(kiv_sim_fail_ioctl(TIOCMGET, 1, KIV_SIM_ALWAYS, unreal), 0);
     int value = 0;
+    ASSERT_EQ(kiv_sim_fail_ioctl(TIOCMGET, 1, 1, unreal), 0);
     EXPECT_EQ(::ioctl(pipe_[0], FIONREAD, &value), 0);
     EXPECT_TRUE(::ioctl(pipe_[0], TIOCMGET, &value) == -1 && errno == unreal);
 
@@ -206,17 +148,6 @@ TEST_F(SimFaults, ThatMakeNoSenseAreRefused) {
     EXPECT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, unreal), ENOSPC);
 }
 
-TEST_F(SimFaults, AnswersLeaveErrnoAlone) {
-    ASSERT_EQ(kiv_sim_answer(KIV_SIM_READ, 1, 1, 0), 0);
-    ASSERT_EQ(kiv_sim_answer(KIV_SIM_IOCTL, 1, 1, 5), 0);
-    ASSERT_EQ(kiv_sim_answer(KIV_SIM_USLEEP, 1, KIV_SIM_ALWAYS, 0), 0);
-    errno = unreal;
-    EXPECT_EQ(::read(-1, buffer_, 1), 0);
-    EXPECT_EQ(::ioctl(-1, FIONREAD, buffer_), 5);
-    EXPECT_EQ(::usleep(3600U * 1000 * 1000), 0);
-    EXPECT_EQ(errno, unreal);
-}
-
 TEST_F(SimFaults, AClosedDescriptorIsClosedWhateverCloseReports) {
     const int failing = ::dup(pipe_[0]);
     const int answered = ::dup(pipe_[0]);
@@ -227,20 +158,16 @@ TEST_F(SimFaults, AClosedDescriptorIsClosedWhateverCloseReports) {
     EXPECT_TRUE(::fcntl(failing, F_GETFD) == -1 && ::fcntl(answered, F_GETFD) == -1);
 }
 
-TEST_F(SimFaults, PollReportsWhatItIsTold) {
+TEST_F(SimFaults, AnAnsweredWaitReportsWhatItIsTold) {
     pollfd entries[2] = {{pipe_[0], POLLIN, 0}, {pipe_[1], POLLOUT, 0}};
     const short hung[] = {POLLERR | POLLHUP};
     ASSERT_EQ(kiv_sim_answer_poll(1, 1, hung, 1), 0);
     EXPECT_EQ(::poll(entries, 2, -1), 1);
-    EXPECT_EQ(entries[0].revents, POLLERR | POLLHUP);
-    EXPECT_EQ(entries[1].revents, 0);
-
+    EXPECT_TRUE(entries[0].revents == hung[0] && entries[1].revents == 0);
     ASSERT_EQ(kiv_sim_answer(KIV_SIM_POLL, 1, 1, 0), 0);
     EXPECT_EQ(::poll(entries, 2, -1), 0);
     EXPECT_TRUE(entries[0].revents == 0 && entries[1].revents == 0);
-}
 
-TEST_F(SimFaults, SelectTimesOutWhenToldTo) {
     fd_set writable;
     FD_ZERO(&writable);
     FD_SET(pipe_[1], &writable);
@@ -251,37 +178,28 @@ TEST_F(SimFaults, SelectTimesOutWhenToldTo) {
 
 TEST_F(SimFaults, LeaveTheStandardStreamsAlone) {
     ASSERT_EQ(kiv_sim_fail(KIV_SIM_WRITE, 1, KIV_SIM_ALWAYS, unreal), 0);
-    const unsigned before = kiv_sim_calls(KIV_SIM_WRITE);
     EXPECT_EQ(::write(STDERR_FILENO, "", 0), 0);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_WRITE), before);
+    EXPECT_EQ(kiv_sim_faults_fired(), 0U);
 }
 
 TEST_F(SimFaults, WhatTheBoardDoesNotKnowGoesThroughUntouched) {
+    const std::string path = ::testing::TempDir() + "kiv-sim-mode";
+    ::unlink(path.c_str());
     errno = unreal;
-    const int fd = ::open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(::read(fd, buffer_, 4), 4);
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    EXPECT_EQ(::write(fd, "text", 4), 4);
     EXPECT_EQ(::close(fd), 0);
-    FILE *stream = ::fopen("/proc/self/exe", "r");
-    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(::faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK, 0), 0) << "the mode reaches the file";
+    FILE *stream = ::fopen(path.c_str(), "r");
+    EXPECT_EQ(std::fgetc(stream), 't');
     EXPECT_EQ(::fclose(stream), 0);
-    EXPECT_EQ(std::string(buffer_ + 1, 3), "ELF");
+    EXPECT_EQ(::unlink(path.c_str()), 0);
     EXPECT_EQ(errno, unreal);
     EXPECT_TRUE(::open("/dev/ttyKIV", O_RDWR) == -1 && errno == ENOENT);
     EXPECT_TRUE(::open("/dev/ttyKIV00", O_RDWR) == -1 && errno == ENOENT);
     // Through a pointer, which has no promise to the compiler that the path is not null.
     const auto any_open = reinterpret_cast<int (*)(const char *, int, ...)>(::dlsym(RTLD_DEFAULT, "open"));
     EXPECT_TRUE(any_open(nullptr, O_RDWR) == -1 && errno == EFAULT);
-}
-
-TEST_F(SimFaults, AModeReachesTheFileThatOpenCreates) {
-    std::string path = ::testing::TempDir() + "kiv-sim-mode";
-    ::unlink(path.c_str());
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(::faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK, 0), 0);
-    ::close(fd);
-    ::unlink(path.c_str());
 }
 
 } // namespace
