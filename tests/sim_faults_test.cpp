@@ -124,7 +124,7 @@ TEST_F(SimFaults, CanBeBoundToARequestOrAThread) {
     int value = 0;
     ASSERT_EQ(kiv_sim_fail_ioctl(TIOCMGET, 1, 1, unreal), 0);
     EXPECT_EQ(::ioctl(pipe_[0], FIONREAD, &value), 0);
-    EXPECT_TRUE(::ioctl(pipe_[0], TIOCMGET, &value) == -1 && errno == unreal);
+    EXPECT_EQ(error_of(::ioctl(pipe_[0], TIOCMGET, &value)), unreal);
 
     kiv_sim_fault mine = {};
     mine.call = KIV_SIM_DUP;
@@ -135,7 +135,7 @@ TEST_F(SimFaults, CanBeBoundToARequestOrAThread) {
     ASSERT_EQ(kiv_sim_arm(&mine), 0);
     std::thread([&] { ::close(::dup(pipe_[0])); }).join();
     EXPECT_EQ(kiv_sim_faults_fired(), 1U);
-    EXPECT_TRUE(::dup(pipe_[0]) == -1 && errno == unreal);
+    EXPECT_EQ(error_of(::dup(pipe_[0])), unreal);
 }
 
 TEST_F(SimFaults, ThatMakeNoSenseAreRefused) {
@@ -153,7 +153,7 @@ TEST_F(SimFaults, AClosedDescriptorIsClosedWhateverCloseReports) {
     const int answered = ::dup(pipe_[0]);
     ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EINTR), 0);
     ASSERT_EQ(kiv_sim_answer(KIV_SIM_CLOSE, 2, 1, 3), 0);
-    EXPECT_TRUE(::close(failing) == -1 && errno == EINTR);
+    EXPECT_EQ(error_of(::close(failing)), EINTR);
     EXPECT_EQ(::close(answered), 3);
     EXPECT_TRUE(::fcntl(failing, F_GETFD) == -1 && ::fcntl(answered, F_GETFD) == -1);
 }
@@ -195,11 +195,11 @@ TEST_F(SimFaults, WhatTheBoardDoesNotKnowGoesThroughUntouched) {
     EXPECT_EQ(::fclose(stream), 0);
     EXPECT_EQ(::unlink(path.c_str()), 0);
     EXPECT_EQ(errno, unreal);
-    EXPECT_TRUE(::open("/dev/ttyKIV", O_RDWR) == -1 && errno == ENOENT);
-    EXPECT_TRUE(::open("/dev/ttyKIV00", O_RDWR) == -1 && errno == ENOENT);
+    EXPECT_EQ(error_of(::open("/dev/ttyKIV", O_RDWR)), ENOENT);
+    EXPECT_EQ(error_of(::open("/dev/ttyKIV00", O_RDWR)), ENOENT);
     // Through a pointer, which has no promise to the compiler that the path is not null.
     const auto any_open = reinterpret_cast<int (*)(const char *, int, ...)>(::dlsym(RTLD_DEFAULT, "open"));
-    EXPECT_TRUE(any_open(nullptr, O_RDWR) == -1 && errno == EFAULT);
+    EXPECT_EQ(error_of(any_open(nullptr, O_RDWR)), EFAULT);
 }
 
 } // namespace

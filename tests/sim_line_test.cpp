@@ -86,11 +86,6 @@ class SimLine : public BoardTest {
     }
 };
 
-// The errno of a call that failed, else 0.
-int error_of(long result) {
-    return result == -1 ? errno : 0;
-}
-
 TEST_F(SimLine, ReadsBackTheSpeedThatItsClockGives) {
     const struct {
         unsigned most;
