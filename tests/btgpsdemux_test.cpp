@@ -69,20 +69,8 @@ class BtgpsdemuxTest : public UnixPortTest {
 // Opening -----------------------------------------------------------------------------------------------
 
 TEST_F(BtgpsdemuxTest, PathsReachTheirService) {
-    const std::string paths[] = {own_path(), own_name("g"), own_path(108), own_path(120)};
-    for (const std::string &path : paths) {
-        SCOPED_TRACE(path);
-        UnixService named(path);
-        named.start();
-        ASSERT_EQ(open_status(path), 0);
-        EXPECT_EQ(events.taken(), "C");
-        EXPECT_EQ(port.flags & 3u, 1u);
-        expect_served_by(named.accept(), named);
-        EXPECT_EQ(sup_uart_close(&port), 0);
-        EXPECT_EQ(sup_uart_close(&port), 0); // by mistake
-        EXPECT_EQ(port.fd, -1);
-        EXPECT_EQ(port.priv, nullptr);
-    }
+    expect_names_lead_to_their_service();
+    EXPECT_EQ(events.taken(), "CCCCCC");
 }
 
 TEST_F(BtgpsdemuxTest, RefusesWhatItIsNotGiven) {
@@ -93,78 +81,51 @@ TEST_F(BtgpsdemuxTest, RefusesWhatItIsNotGiven) {
     EXPECT_EQ(mutexes_alive, 0);
 }
 
-// The mutex is refused where no call is: see the last row.
 TEST_F(BtgpsdemuxTest, AFailedStepOfTheOpeningLeavesNothing) {
-    const struct {
-        kiv_sim_call call;
-        unsigned nth;
-        int error;
-        const char *text; // of the trace, if there is one
-    } faults[] = {
-        {KIV_SIM_CALLOC, 1, ENOMEM, nullptr},
-        {KIV_SIM_SOCKET, 1, EMFILE, "UART_infos->fd = socket(1, SOCK_STREAM, 0)"},
-        {KIV_SIM_SOCKET, 2, ENFILE, "fd = socket(1, SOCK_STREAM, 0)"},
-        {KIV_SIM_CALL_KINDS, 1, 77, nullptr},
+    const auto traced = [](const char *text, int error) {
+        return Reports({trace(module, "pos_btgpsdemux_open", text, error)});
     };
-    service.start();
-    for (const auto &fault : faults) {
-        SCOPED_TRACE(fault.error);
-        if (fault.call == KIV_SIM_CALL_KINDS) {
-            mutex_init_status = fault.error;
-        } else if (kiv_sim_reaches(fault.call) != 0) {
-            ASSERT_EQ(kiv_sim_fail(fault.call, fault.nth, 1, fault.error), 0);
-            ++other_faults;
-        } else {
-            continue; // a sanitizer's allocator
-        }
-        const auto before = open_descriptors();
-        EXPECT_EQ(open_status(service.name()), fault.error);
-        mutex_init_status = 0;
-        EXPECT_EQ(open_descriptors(), before);
-        EXPECT_EQ(mutexes_alive, 0);
-        EXPECT_TRUE(port.fd == -1 && port.priv == nullptr && port.read == nullptr && port.write == nullptr &&
-                    port.close == nullptr);
-        EXPECT_EQ(reports(), fault.text == nullptr
-                                 ? Reports()
-                                 : Reports({trace(module, "pos_btgpsdemux_open", fault.text, fault.error)}));
+    fail_next(KIV_SIM_SOCKET, EMFILE);
+    expect_opening_fails(EMFILE, traced("UART_infos->fd = socket(1, SOCK_STREAM, 0)", EMFILE));
+    fail_nth(KIV_SIM_SOCKET, 2, ENFILE);
+    expect_opening_fails(ENFILE, traced("fd = socket(1, SOCK_STREAM, 0)", ENFILE));
+    mutex_init_status = 77;
+    expect_opening_fails(77, {});
+    mutex_init_status = 0;
+    if (kiv_sim_reaches(KIV_SIM_CALLOC) != 0) { // and no sanitizer's allocator
+        fail_next(KIV_SIM_CALLOC, ENOMEM);
+        expect_opening_fails(ENOMEM, {});
     }
 }
 
 TEST_F(BtgpsdemuxTest, TheServiceMayComeLater) {
-    ASSERT_EQ(open_status(service.name()), 0);
-    EXPECT_GE(port.fd, 0);
-    EXPECT_EQ(events.taken(), "");
-    AsyncRead text([this] { return read_some(); });
-    kiv_sim_wait_calls(KIV_SIM_USLEEP, 3);
-    service.start();
-    const Peer peer = service.accept();
-    EXPECT_TRUE(peer.send("here"));
-    EXPECT_EQ(text.get(), "here");
+    expect_late_service_found();
     EXPECT_EQ(events.taken(), "C");
-    expect_served_by(peer);
 }
 
 // Losing the service ------------------------------------------------------------------------------------
 
 TEST_F(BtgpsdemuxTest, AFailedTransferIsMadeOnTheNextConnection) {
     Peer peer = connect();
+    const auto fail_on_both = [&](kiv_sim_call call, int error, std::function<std::string()> transfer,
+                                  const std::string &result) {
+        fail_next(call, error);
+        AsyncCall made(std::move(transfer));
+        Peer next = service.accept();
+        EXPECT_EQ(peer.receive(1), "") << "the old connection is still open";
+        EXPECT_TRUE(next.send("next"));
+        EXPECT_EQ(made.get(), result);
+        EXPECT_EQ(events.taken(), "DC");
+        peer = std::move(next);
+    };
     for (const int error : {EINTR, ECONNRESET, EBADF, 0}) {
         SCOPED_TRACE(error);
-        for (const kiv_sim_call call : {KIV_SIM_READ, KIV_SIM_WRITE}) {
-            SCOPED_TRACE(kiv_sim_call_name(call));
-            fail_next(call, error);
-            AsyncRead text([&] {
-                return call == KIV_SIM_READ ? read_some() : "status " + std::to_string(send("again"));
-            });
-            Peer next = service.accept();
-            EXPECT_EQ(peer.receive(1), "") << "the old connection is still open";
-            EXPECT_TRUE(next.send("next"));
-            EXPECT_EQ(text.get(), call == KIV_SIM_READ ? "next" : "status 0");
-            EXPECT_EQ(events.taken(), "DC");
-            EXPECT_EQ(call == KIV_SIM_READ ? "next" : read_some(), "next");
-            EXPECT_EQ(call == KIV_SIM_READ ? "again" : next.receive(5), "again");
-            peer = std::move(next);
-        }
+        fail_on_both(
+            KIV_SIM_READ, error, [this] { return read_some(); }, "next");
+        fail_on_both(
+            KIV_SIM_WRITE, error, [this] { return std::to_string(send("again")); }, "0");
+        EXPECT_EQ(peer.receive(5), "again");
+        EXPECT_EQ(read_some(), "next");
     }
     expect_served_by(peer);
 }
@@ -172,9 +133,8 @@ TEST_F(BtgpsdemuxTest, AFailedTransferIsMadeOnTheNextConnection) {
 TEST_F(BtgpsdemuxTest, ARefusedConnectionIsTriedAgain) {
     Peer peer = connect();
     peer.close();
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_CONNECT, 1, 5, ECONNREFUSED), 0);
-    other_faults = 5;
-    AsyncRead text([this] { return read_some(); });
+    fail_next(KIV_SIM_CONNECT, ECONNREFUSED, 5);
+    AsyncCall text([this] { return read_some(); });
     peer = service.accept();
     EXPECT_TRUE(peer.send("back"));
     EXPECT_EQ(text.get(), "back");
@@ -184,36 +144,30 @@ TEST_F(BtgpsdemuxTest, ARefusedConnectionIsTriedAgain) {
 
 // The one failure that reaches the caller; the next call begins another reconnection.
 TEST_F(BtgpsdemuxTest, AReconnectionWithoutASocketFails) {
-    const std::string text = "fd = socket(1, SOCK_STREAM, 0)";
-    Peer peer = connect();
-    peer.close();
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_SOCKET, 1, 2, EMFILE), 0);
-    other_faults = 2;
+    const auto reported = [](const char *function, const char *text) {
+        return Reports({trace(module, "btgpsdemux_reconnect", "fd = socket(1, SOCK_STREAM, 0)", EMFILE),
+                        trace("posix/linux_uart", function, text, EMFILE),
+                        warned("posix/linux_uart", function)});
+    };
+    connect().close();
+    fail_next(KIV_SIM_SOCKET, EMFILE, 2);
     EXPECT_EQ(read_some(), "status 24");
     EXPECT_EQ(port.fd, -1);
     EXPECT_EQ(events.taken(), "D");
-    EXPECT_EQ(reports(), Reports({trace(module, "btgpsdemux_reconnect", text, EMFILE),
-                                  trace("posix/linux_uart", "sup_uart_Read_partial",
-                                        "ret = pos_read(UART_infos, buffer, remaining)", EMFILE),
-                                  warned("posix/linux_uart", "sup_uart_Read_partial")}));
+    EXPECT_EQ(reports(), reported("sup_uart_Read_partial", "ret = pos_read(UART_infos, buffer, remaining)"));
     EXPECT_EQ(send("unsent"), EMFILE);
     EXPECT_EQ(events.taken(), "D");
-    EXPECT_EQ(reports(),
-              Reports({trace(module, "btgpsdemux_reconnect", text, EMFILE),
-                       trace("posix/linux_uart", "sup_uart_Send",
-                             "ret = pos_write(UART_infos, buffer + (length - remaining), remaining)", EMFILE),
-                       warned("posix/linux_uart", "sup_uart_Send")}));
+    EXPECT_EQ(reports(), reported("sup_uart_Send",
+                                  "ret = pos_write(UART_infos, buffer + (length - remaining), remaining)"));
     EXPECT_EQ(send("sent"), 0);
     EXPECT_EQ(events.taken(), "DC");
-    peer = service.accept();
+    const Peer peer = service.accept();
     EXPECT_EQ(peer.receive(4), "sent");
     expect_served_by(peer);
 }
 
 TEST_F(BtgpsdemuxTest, ASignalMakesAReaderConnectAgain) {
-    service.start();
-    ASSERT_EQ(open_status(service.name()), 0);
-    interrupt_reader(service, [this] { return read_some(1); });
+    expect_signal_makes_reader_connect_again();
     const std::string seen = events.taken();
     for (std::size_t i = 0; i < seen.size(); ++i)
         EXPECT_EQ(seen[i], i % 2 == 0 ? 'C' : 'D') << seen;
@@ -225,26 +179,16 @@ TEST_F(BtgpsdemuxTest, ASignalMakesAReaderConnectAgain) {
 // earlier one: it goes on with the later one and does not make a third.
 TEST_F(BtgpsdemuxTest, ALossSeenByBothMakesTwoConnections) {
     for (int i = 0; i < 20; ++i) {
-        Peer first = i == 0 ? connect() : [this] {
-            EXPECT_EQ(open_status(service.name()), 0);
-            EXPECT_EQ(events.taken(), "C");
-            return service.accept();
-        }();
+        Peer first = connect();
         LockGate gate;
-        auto status = std::async(std::launch::async, [&] {
+        fail_next(KIV_SIM_WRITE, EPIPE);
+        AsyncCall writer([&] {
             gate.stop_me_at(2); // the first lock is the look at fd
-            kiv_sim_fault fault = {};
-            fault.call = KIV_SIM_WRITE;
-            fault.nth = fault.times = 1;
-            fault.error = EPIPE;
-            fault.this_thread = 1;
-            EXPECT_EQ(kiv_sim_arm(&fault), 0);
-            return send("written");
+            return std::to_string(send("written"));
         });
-        ++other_faults;
         gate.wait_reached();
         const unsigned reads = kiv_sim_calls(KIV_SIM_READ);
-        AsyncRead text([this] { return read_some(); });
+        AsyncCall text([this] { return read_some(); });
         first.close();
         const Peer second = service.accept();
         text.wait_blocked(reads + 2); // on the second connection
@@ -252,22 +196,20 @@ TEST_F(BtgpsdemuxTest, ALossSeenByBothMakesTwoConnections) {
         gate.open();
         const Peer third = service.accept();
         EXPECT_EQ(second.receive(1), "");
-        EXPECT_EQ(status.get(), 0);
+        EXPECT_EQ(writer.get(), "0");
         EXPECT_EQ(third.receive(7), "written");
         EXPECT_TRUE(third.send("read"));
         EXPECT_EQ(text.get(), "read");
         EXPECT_EQ(events.taken(), "DC");
         expect_served_by(third);
         EXPECT_EQ(sup_uart_close(&port), 0);
-        kiv_sim_clear_faults();
-        skip_pauses();
     }
 }
 
 // The callbacks come in pairs.
 TEST_F(BtgpsdemuxTest, AReaderOutlivesItsService) {
     constexpr int restarts = 500;
-    outlive_the_service(restarts);
+    expect_reader_outlives_service(restarts);
     std::string pairs = "C";
     for (int i = 0; i < restarts; ++i)
         pairs += "DC";

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cerrno>
 #include <fcntl.h>
-#include <functional>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -17,26 +16,19 @@
 namespace kiv::test {
 namespace {
 
-constexpr unsigned up = 0x400448c9;
-constexpr unsigned down = 0x400448ca;
-constexpr unsigned raw = 0x400448dc;
+constexpr char module[] = "linux/linux_uart_bt";
+constexpr char uart[] = "posix/linux_uart";
 
 class Hci : public LoggedBoardTest {
   protected:
     UART_infos port = {};
-    bool opened = false;
 
     int open(const char *name = "hci0", const UART_status_cb *callbacks = nullptr) {
-        const int status = sup_uart_Init2(&port, name, 0, 0, callbacks);
-        opened = status == 0;
-        return status;
+        return sup_uart_Init2(&port, name, 0, 0, callbacks);
     }
-    void close() {
-        opened = false;
-        EXPECT_EQ(sup_uart_close(&port), 0);
-    }
+    void close() { EXPECT_EQ(sup_uart_close(&port), 0); }
     void TearDown() override {
-        if (opened)
+        if (port.magic == UART_MAGIC)
             close();
         LoggedBoardTest::TearDown();
     }
@@ -44,18 +36,24 @@ class Hci : public LoggedBoardTest {
     int send(const Bytes &bytes) {
         return sup_uart_Send(&port, bytes.data(), static_cast<unsigned>(bytes.size()));
     }
-    Bytes read(std::size_t length) {
-        Bytes bytes(length);
-        auto count = static_cast<unsigned>(length);
-        EXPECT_EQ(sup_uart_Read(&port, bytes.data(), &count), 0);
-        return bytes;
-    }
-    Bytes read_partial(std::size_t most) {
+    // What a read with this status gives.
+    template <class Call>
+    Bytes read_by(Call call, std::size_t most, int status = 0) {
         Bytes bytes(most);
         auto count = static_cast<unsigned>(most);
-        EXPECT_EQ(sup_uart_Read_partial(&port, bytes.data(), &count), 0);
+        EXPECT_EQ(call(&port, bytes.data(), &count), status);
         bytes.resize(count);
         return bytes;
+    }
+    Bytes read(std::size_t length, int status = 0) { return read_by(sup_uart_Read, length, status); }
+    Bytes read_partial(std::size_t most) { return read_by(sup_uart_Read_partial, most); }
+};
+
+class OpenHci : public Hci {
+  protected:
+    void SetUp() override {
+        Hci::SetUp();
+        ASSERT_EQ(open(), 0);
     }
 };
 
@@ -64,12 +62,30 @@ std::string request_text(int number, const std::string &argument) {
            std::to_string(number) + ")) << 0) | ((((sizeof(int)))) << ((0+8)+8))), " + argument + ")";
 }
 
-std::string opening_trace(const std::string &text, int error,
-                          const std::string &function = "pos_open_bt_generic") {
-    return trace("linux/linux_uart_bt", function, text, error);
+std::string opening_trace(const std::string &text, int error) {
+    return trace(module, "pos_open_bt_generic", text, error);
 }
 
-const char raw_assertion[] = "\"no CAP_NET_ADMIN right ???\\n\" && ret == 0";
+std::string device_trace(const std::string &text, int error) {
+    return trace(module, "bluez_open_dev", text, error);
+}
+
+const std::string raw_assertion =
+    asserted(module, "pos_open_bt_generic", "\"no CAP_NET_ADMIN right ???\\n\" && ret == 0");
+
+Reports failed_read(int error) {
+    const std::string text = "ret = pos_read(UART_infos, buffer + (*length - remaining), remaining)";
+    Reports expected = {asserted(module, "pos_read_bt", "bt_cache.tail > 0")};
+    if (error != 0)
+        expected.push_back(trace(uart, "sup_uart_Read", text, error));
+    expected.push_back(warned(uart, "sup_uart_Read"));
+    return expected;
+}
+
+Reports failed_write(int error) {
+    const std::string text = "ret = pos_write(UART_infos, buffer + (length - remaining), remaining)";
+    return {trace(uart, "sup_uart_Send", text, error), warned(uart, "sup_uart_Send")};
+}
 
 TEST_F(Hci, OpensDownRawUp) {
     unsigned requests_when_connected = 0;
@@ -82,9 +98,7 @@ TEST_F(Hci, OpensDownRawUp) {
     const kiv_sim_hci_state state = state_of();
     EXPECT_EQ(requests_when_connected, 3u) << "connected comes last, and once";
     ASSERT_EQ(state.requests, 3u);
-    EXPECT_EQ(state.request[0], down);
-    EXPECT_EQ(state.request[1], raw);
-    EXPECT_EQ(state.request[2], up);
+    EXPECT_TRUE(state.request[0] == hci_down && state.request[1] == hci_raw && state.request[2] == hci_up);
     EXPECT_TRUE(state.up && state.raw && state.sockets == 1);
 
     uint8_t filter[16];
@@ -102,7 +116,7 @@ TEST_F(Hci, OpensDownRawUp) {
 TEST_F(Hci, APositiveAnswerToRawModeIsReportedOnly) {
     ASSERT_EQ(kiv_sim_answer(KIV_SIM_IOCTL, 2, 1, 1), 0);
     EXPECT_EQ(open(), 0);
-    EXPECT_EQ(reports(), Reports({asserted("linux/linux_uart_bt", "pos_open_bt_generic", raw_assertion)}));
+    EXPECT_EQ(reports(), Reports({raw_assertion}));
 }
 
 TEST_F(Hci, AFreshOpeningStartsEmpty) {
@@ -132,117 +146,98 @@ TEST_F(Hci, TheNumberChoosesTheController) {
 }
 
 TEST_F(Hci, EveryStepOfTheOpeningCanFail) {
-    const std::string failed = "UART_infos->fd = bluez_open_dev(dev_id)";
-    const std::string binds = "ret = bind(fd, (struct sockaddr *) &addr, sizeof(addr))";
+    const std::string no_device = "UART_infos->fd = bluez_open_dev(dev_id)";
     const struct {
-        std::function<void()> arrange;
-        int status;
+        kiv_sim_call call;
+        unsigned nth;
+        int error, status;
         Reports expected;
     } rows[] = {
-        {[] { kiv_sim_fail(KIV_SIM_SOCKET, 1, 1, EAFNOSUPPORT); },
+        {KIV_SIM_SOCKET,
+         1,
          EAFNOSUPPORT,
-         {opening_trace("fd = socket(31, SOCK_RAW, 1)", EAFNOSUPPORT, "bluez_open_dev"),
-          opening_trace(failed, EAFNOSUPPORT)}},
-        {[] {
-             kiv_sim_fail(KIV_SIM_BIND, 1, 1, ENODEV);
-             kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EIO);
-         },
+         EAFNOSUPPORT,
+         {device_trace("fd = socket(31, SOCK_RAW, 1)", EAFNOSUPPORT),
+          opening_trace(no_device, EAFNOSUPPORT)}},
+        {KIV_SIM_BIND,
+         1,
+         ENODEV,
          EIO,
-         {opening_trace(binds, ENODEV, "bluez_open_dev"), opening_trace("close(fd)", EIO, "bluez_open_dev"),
-          opening_trace(failed, EIO)}},
-        {[] { kiv_sim_fail(KIV_SIM_SETSOCKOPT, 1, 1, ENOPROTOOPT); },
+         {device_trace("ret = bind(fd, (struct sockaddr *) &addr, sizeof(addr))", ENODEV),
+          device_trace("close(fd)", EIO), opening_trace(no_device, EIO)}},
+        {KIV_SIM_SETSOCKOPT,
+         1,
+         ENOPROTOOPT,
          ENOPROTOOPT,
          {opening_trace("ret = setsockopt(UART_infos->fd, 0, 2, &filter, sizeof(filter))", ENOPROTOOPT)}},
-        {[] { configure([](auto &config) { config.capable = 0; }); },
-         EPERM,
-         {opening_trace(request_text(202, "dev_id"), EPERM)}},
-        {[] { configure([](auto &config) { config.set_raw_error = EOPNOTSUPP; }); },
-         EOPNOTSUPP,
-         {opening_trace(request_text(220, "1"), EOPNOTSUPP),
-          asserted("linux/linux_uart_bt", "pos_open_bt_generic", raw_assertion)}},
-        {[] { kiv_sim_fail_ioctl(up, 1, 1, ERFKILL); },
-         ERFKILL,
-         {opening_trace(request_text(201, "dev_id"), ERFKILL)}},
+        {KIV_SIM_IOCTL, 1, EPERM, EPERM, {opening_trace(request_text(202, "dev_id"), EPERM)}},
+        {KIV_SIM_IOCTL, 2, EBUSY, EBUSY, {opening_trace(request_text(220, "1"), EBUSY), raw_assertion}},
+        {KIV_SIM_IOCTL, 3, ERFKILL, ERFKILL, {opening_trace(request_text(201, "dev_id"), ERFKILL)}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.expected.front());
-        kiv_sim_reset();
-        row.arrange();
-        const auto before = open_descriptors();
-        EXPECT_EQ(open(), row.status);
-        EXPECT_EQ(reports(), row.expected);
-        EXPECT_EQ(open_descriptors(), before);
-        EXPECT_EQ(port.magic, 0u);
-        EXPECT_EQ(port.fd, -1);
-
-        // Silenced, the failure is the same, and what is no trace is still reported.
-        kiv_sim_reset();
-        row.arrange();
-        kiv_log_dyn_level_POS = 0;
-        EXPECT_EQ(open(), row.status);
-        kiv_log_dyn_level_POS = 3;
-        Reports assertions;
-        for (const std::string &report : row.expected)
-            if (report.rfind("assert: ", 0) == 0)
-                assertions.push_back(report);
-        EXPECT_EQ(reports(), assertions);
+        for (const int level : {3, 0}) {
+            const auto before = open_descriptors();
+            kiv_sim_clear_faults();
+            ASSERT_EQ(kiv_sim_fail(row.call, row.nth, 1, row.error), 0);
+            ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EIO), 0); // of the socket, too
+            kiv_log_dyn_level_POS = level;
+            EXPECT_EQ(open(), row.status);
+            kiv_log_dyn_level_POS = 3;
+            EXPECT_EQ(open_descriptors(), before);
+            EXPECT_TRUE(port.magic == 0 && port.fd == -1);
+            Reports expected = row.expected;
+            if (level == 0) // what is no trace is still reported
+                std::erase_if(expected, [](const std::string &each) { return each.starts_with("POS/"); });
+            EXPECT_EQ(reports(), expected);
+        }
     }
 }
 
 TEST_F(Hci, RefusesWhatIsNoName) {
     EXPECT_EQ(pos_open_bt(nullptr, "hci0", 0), EINVAL);
     EXPECT_EQ(pos_open_bt(&port, nullptr, 0), EINVAL);
-    EXPECT_EQ(reports(),
-              Reports({asserted("linux/linux_uart_bt", "pos_open_bt", "(UART_infos) != ((void *)0)"),
-                       asserted("linux/linux_uart_bt", "pos_open_bt", "(device_name) != ((void *)0)")}));
+    EXPECT_EQ(reports(), Reports({asserted(module, "pos_open_bt", "(UART_infos) != ((void *)0)"),
+                                  asserted(module, "pos_open_bt", "(device_name) != ((void *)0)")}));
     EXPECT_EQ(pos_open_bt(&port, "hc", 0), EINVAL);
     const Reports refusal = {logged(1, "pos_open_bt_generic: type TYPE_SYSPATH invalid here\n", "uart_bt")};
-    kiv_log_dyn_level_POS = 0;
-    EXPECT_EQ(open("btsyspath:/sys/class/bluetooth/hci0"), -EINVAL);
-    EXPECT_EQ(reports(), refusal) << "the category is its own";
-    kiv_log_dyn_level_uart_bt = 0;
-    EXPECT_EQ(open("btsyspath:x"), -EINVAL);
+    for (const int level : {3, 0}) {
+        kiv_log_dyn_level_uart_bt = level;
+        kiv_log_dyn_level_POS = 3 - level; // the category is its own
+        EXPECT_EQ(open("btsyspath:/sys/class/bluetooth/hci0"), -EINVAL);
+        EXPECT_EQ(reports(), level == 3 ? refusal : Reports());
+    }
     EXPECT_EQ(pos_open_bt_syspath(nullptr, nullptr, 0), -EINVAL);
-    kiv_log_dyn_level_POS = kiv_log_dyn_level_uart_bt = 3;
+    kiv_log_dyn_level_uart_bt = 3;
     EXPECT_EQ(port.magic, 0u);
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_SOCKET), 0u);
 }
 
+// Writing -----------------------------------------------------------------------------------------------
+
 const Bytes packets[] = {hci_reset, command(1), command(255), acl(0),  acl(3),
                          acl(1024), sco(0),     sco(2),       sco(255)};
 
-class HciWrite : public Hci {
-  protected:
-    void SetUp() override {
-        Hci::SetUp();
-        configure([](auto &config) { config.answers = 0; });
-        ASSERT_EQ(open(), 0);
-    }
-};
-
-TEST_F(HciWrite, PacketsCutAnywhereGoOutOnceAndWhole) {
+TEST_F(OpenHci, PacketsCutAnywhereGoOutOnceAndWhole) {
     Bytes stream;
     for (const Bytes &packet : packets) {
         stream = stream + packet;
         for (std::size_t cut = 1; cut < packet.size(); ++cut) {
-            const auto middle = packet.begin() + static_cast<std::ptrdiff_t>(cut);
-            ASSERT_EQ(send(Bytes(packet.begin(), middle)), 0);
+            ASSERT_EQ(send(part(packet, 0, cut)), 0);
             ASSERT_EQ(packets_of_host(), std::vector<Bytes>()) << cut;
-            ASSERT_EQ(send(Bytes(middle, packet.end())), 0);
+            ASSERT_EQ(send(part(packet, cut)), 0);
             ASSERT_EQ(packets_of_host(), std::vector<Bytes>{packet}) << cut;
         }
     }
-    for (const std::size_t piece : {std::size_t{1}, std::size_t{3}, std::size_t{17}, stream.size()}) {
+    for (const std::size_t piece : {std::size_t{1}, std::size_t{17}, stream.size()}) {
         for (std::size_t at = 0; at < stream.size(); at += piece)
-            ASSERT_EQ(sup_uart_Send(&port, stream.data() + at,
-                                    static_cast<unsigned>(std::min(piece, stream.size() - at))),
-                      0);
+            ASSERT_EQ(send(part(stream, at, piece)), 0);
         EXPECT_EQ(packets_of_host(), std::vector<Bytes>(std::begin(packets), std::end(packets))) << piece;
     }
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_WRITE), state_of().packets) << "one write a packet";
 }
 
-TEST_F(HciWrite, JunkIsDroppedAndLogged) {
+TEST_F(OpenHci, JunkIsDroppedAndLogged) {
     // Of a packet that is too long the header only: what follows is read as the start of the next one.
     const Bytes junk[] = {{4, 0}, {255}, {2, 0x2a, 0x20, 0x01, 0x04}, {2, 0, 0, 0xff, 0xff}};
     for (const int level : {3, 0}) {
@@ -261,13 +256,7 @@ TEST_F(HciWrite, JunkIsDroppedAndLogged) {
     kiv_log_dyn_level_POS = 3;
 }
 
-Reports failed_write(int error) {
-    return {trace("posix/linux_uart", "sup_uart_Send",
-                  "ret = pos_write(UART_infos, buffer + (length - remaining), remaining)", error),
-            warned("posix/linux_uart", "sup_uart_Send")};
-}
-
-TEST_F(HciWrite, ARefusedPacketIsDroppedAndTheNextOneIsFine) {
+TEST_F(OpenHci, ARefusedPacketIsDroppedAndTheNextOneIsFine) {
     // The refusal comes with the last byte of the payload, or of a header that has no payload.
     for (const Bytes &packet : {acl(7), acl(0), hci_reset}) {
         ASSERT_EQ(kiv_sim_fail(KIV_SIM_WRITE, 1, 1, ENETDOWN), 0);
@@ -280,7 +269,7 @@ TEST_F(HciWrite, ARefusedPacketIsDroppedAndTheNextOneIsFine) {
 
 // A raw HCI socket takes its packets at once; a socket with a full queue stands in for it here, so that the
 // write really blocks.
-TEST_F(HciWrite, AWriteInterruptedByASignalKeepsTheFraming) {
+TEST_F(OpenHci, AWriteInterruptedByASignalKeepsTheFraming) {
     int ends[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
     ASSERT_EQ(::dup2(ends[0], port.fd), port.fd);
@@ -308,43 +297,31 @@ TEST_F(HciWrite, AWriteInterruptedByASignalKeepsTheFraming) {
     ::close(ends[1]);
 }
 
-TEST_F(HciWrite, GatheredPiecesAreOnePacketPastTheAssembler) {
-    const Bytes half = {1, 0x45};
-    ASSERT_EQ(send(half), 0);
-    Bytes indicator = {2};
-    Bytes header = {0x2a, 0x20, 3, 0};
-    Bytes data = {7, 8, 9};
-    const iovec pieces[] = {{indicator.data(), indicator.size()},
-                            {header.data(), header.size()},
-                            {nullptr, 0},
-                            {data.data(), data.size()}};
+TEST_F(OpenHci, GatheredPiecesAreOnePacketPastTheAssembler) {
+    ASSERT_EQ(send({1, 0x45}), 0);
+    Bytes packet = {2, 0x2a, 0x20, 3, 0, 7, 8, 9};
+    const iovec pieces[] = {{&packet[0], 1}, {&packet[1], 4}, {nullptr, 0}, {&packet[5], 3}};
     unsigned sent = 0;
     ASSERT_EQ(kiv_sim_fail(KIV_SIM_WRITEV, 1, 1, EINTR), 0);
     EXPECT_EQ(sup_uart_Sendv(&port, pieces, 4, &sent), 0);
     const std::string text = "ret = UART_infos->writev(UART_infos, iov, iovcnt)";
-    EXPECT_EQ(reports(), Reports({trace("posix/linux_uart", "sup_uart_Sendv", text, EINTR)}));
+    EXPECT_EQ(reports(), Reports({trace(uart, "sup_uart_Sendv", text, EINTR)}));
     EXPECT_EQ(sent, 8u);
-    EXPECT_EQ(packets_of_host(), std::vector<Bytes>{indicator + header + data});
+    EXPECT_EQ(packets_of_host(), std::vector<Bytes>{packet});
 
-    indicator[0] = 4;
+    packet[0] = 4;
     EXPECT_EQ(sup_uart_Sendv(&port, pieces, 4, &sent), EINVAL);
     EXPECT_EQ(sent, 0u);
-    EXPECT_EQ(reports(), Reports({trace("posix/linux_uart", "sup_uart_Sendv", text, EINVAL),
-                                  asserted("posix/linux_uart", "sup_uart_Sendv", "ret == len"),
-                                  warned("posix/linux_uart", "sup_uart_Sendv")}));
+    EXPECT_EQ(reports(),
+              Reports({trace(uart, "sup_uart_Sendv", text, EINVAL),
+                       asserted(uart, "sup_uart_Sendv", "ret == len"), warned(uart, "sup_uart_Sendv")}));
     EXPECT_EQ(send({0xfc, 0}), 0);
     EXPECT_EQ(packets_of_host(), (std::vector<Bytes>{{1, 0x45, 0xfc, 0}}));
 }
 
-class HciRead : public Hci {
-  protected:
-    void SetUp() override {
-        Hci::SetUp();
-        ASSERT_EQ(open(), 0);
-    }
-};
+// Reading -----------------------------------------------------------------------------------------------
 
-TEST_F(HciRead, PacketsAreOneStreamWhateverIsAskedFor) {
+TEST_F(OpenHci, PacketsAreOneStreamWhateverIsAskedFor) {
     const Bytes from_controller[] = {event(0), acl(1024), sco(5), event(255), {4}};
     Bytes stream;
     for (const Bytes &packet : from_controller)
@@ -363,91 +340,55 @@ TEST_F(HciRead, PacketsAreOneStreamWhateverIsAskedFor) {
     // A complete read goes on over the ends of packets.
     controller_sends(acl(700));
     controller_sends(acl(100));
-    Bytes got = read(3);
-    got = got + read(700);
-    got = got + read(107);
-    EXPECT_EQ(got, acl(700) + acl(100));
+    EXPECT_EQ(read(3), part(acl(700), 0, 3));
+    EXPECT_EQ(read(700 + 107), part(acl(700), 3) + acl(100));
     // Nor does it matter when the socket gives a packet in parts.
     configure([](auto &config) { config.fragment = 4; });
     controller_sends(event(30));
     EXPECT_EQ(read(33), event(30));
 }
 
-TEST_F(HciRead, ATimedReadDoesNotSeeTheCache) {
+TEST_F(OpenHci, ATimedReadDoesNotSeeTheCache) {
+    const auto at_once = [](UART_infos *of, void *to, unsigned *length) {
+        return sup_uart_Read_partial_timeout(of, to, length, 0);
+    };
     controller_sends(event(10));
-    Bytes bytes(13);
-    unsigned length = 13;
-    EXPECT_EQ(sup_uart_Read_partial_timeout(&port, bytes.data(), &length, 0), 0);
-    EXPECT_EQ(length, 1u);
-    EXPECT_EQ(read_partial(100).size(), 12u);
+    EXPECT_EQ(read_by(at_once, 13), part(event(10), 0, 1));
+    EXPECT_EQ(read_partial(100), part(event(10), 1));
 
     // The next packet on the socket ends the wait, and the cache comes first.
     controller_sends(event(4));
     controller_sends(event(0));
-    length = 13;
-    EXPECT_EQ(sup_uart_Read_partial_timeout(&port, bytes.data(), &length, 0), 0);
-    bytes.resize(length);
-    EXPECT_EQ(bytes, event(4) + event(0));
+    EXPECT_EQ(read_by(at_once, 13), event(4) + event(0));
 }
 
-std::string failed_read() {
-    return "ret = pos_read(UART_infos, buffer + (*length - remaining), remaining)";
-}
-
-TEST_F(HciRead, AfterAFailedReadTheNextOneReadsTheSocket) {
-    const std::string assertion = asserted("linux/linux_uart_bt", "pos_read_bt", "bt_cache.tail > 0");
-    const struct {
-        std::function<void()> arrange;
-        int status;
-        Reports expected;
-    } rows[] = {
-        {[] { kiv_sim_fail(KIV_SIM_READ, 2, 1, ENOMEM); },
-         ENOMEM,
-         {assertion, trace("posix/linux_uart", "sup_uart_Read", failed_read(), ENOMEM),
-          warned("posix/linux_uart", "sup_uart_Read")}},
-        {[] { kiv_sim_answer(KIV_SIM_READ, 2, 1, 0); },
-         EIO,
-         {assertion, warned("posix/linux_uart", "sup_uart_Read")}},
-    };
-    for (const auto &row : rows) {
+TEST_F(OpenHci, AfterAFailedReadTheNextOneReadsTheSocket) {
+    for (const int error : {ENOMEM, 0}) {
+        SCOPED_TRACE(error);
         controller_sends(event(10));
-        row.arrange();
-        Bytes bytes(14);
-        unsigned length = 14;
-        EXPECT_EQ(sup_uart_Read(&port, bytes.data(), &length), row.status);
-        EXPECT_EQ(length, 13u);
-        EXPECT_EQ(reports(), row.expected);
+        ASSERT_EQ(
+            error != 0 ? kiv_sim_fail(KIV_SIM_READ, 2, 1, error) : kiv_sim_answer(KIV_SIM_READ, 2, 1, 0), 0);
+        EXPECT_EQ(read(14, error != 0 ? error : EIO), event(10));
+        EXPECT_EQ(reports(), failed_read(error));
+        kiv_sim_clear_faults();
         controller_sends(sco(6));
         EXPECT_EQ(read(10), sco(6));
     }
 }
 
-TEST_F(HciRead, AControllerThatGoesAwayEndsTheStream) {
-    for (const int error : {EPIPE, 0}) {
-        SCOPED_TRACE(error);
-        std::thread unplugger([=] {
-            kiv_sim_wait_calls(KIV_SIM_READ, error != 0 ? 1 : 2);
-            kiv_sim_hci_unplug(0, error);
-        });
-        Bytes bytes(1);
-        unsigned length = 1;
-        const int status = error != 0 ? error : EIO;
-        EXPECT_EQ(sup_uart_Read(&port, bytes.data(), &length), status);
-        unplugger.join();
-        Reports expected = {asserted("linux/linux_uart_bt", "pos_read_bt", "bt_cache.tail > 0")};
-        if (error != 0)
-            expected.push_back(trace("posix/linux_uart", "sup_uart_Read", failed_read(), error));
-        expected.push_back(warned("posix/linux_uart", "sup_uart_Read"));
-        EXPECT_EQ(reports(), expected);
-        EXPECT_EQ(send(hci_reset), EPIPE);
-        EXPECT_EQ(reports(), failed_write(EPIPE));
-        close();
-        configure([](auto &config) { config.present = 1; });
-        ASSERT_EQ(open(), 0);
-    }
+TEST_F(OpenHci, AControllerThatGoesAwayEndsTheStream) {
+    std::thread unplugger([] {
+        kiv_sim_wait_calls(KIV_SIM_READ, 1);
+        kiv_sim_hci_unplug(0, EPIPE);
+    });
+    EXPECT_EQ(read(1, EPIPE), Bytes());
+    unplugger.join();
+    EXPECT_EQ(reports(), failed_read(EPIPE));
+    EXPECT_EQ(send(hci_reset), EPIPE);
+    EXPECT_EQ(reports(), failed_write(EPIPE));
 }
 
-TEST_F(HciRead, AnInterruptedReadIsMadeAgainUnseen) {
+TEST_F(OpenHci, AnInterruptedReadIsMadeAgainUnseen) {
     const unsigned before = kiv_sim_calls(KIV_SIM_READ);
     Bytes got;
     std::thread reader([&] { got = read(4); });
@@ -460,15 +401,15 @@ TEST_F(HciRead, AnInterruptedReadIsMadeAgainUnseen) {
     EXPECT_EQ(got, event(1));
 }
 
-TEST_F(HciRead, AReaderAndAWriterDoNotDisturbEachOther) {
+TEST_F(OpenHci, AReaderAndAWriterDoNotDisturbEachOther) {
     constexpr std::size_t rounds = 400;
     std::atomic<std::size_t> echoed{0};
     std::thread writer([&] {
         for (std::size_t i = 0; i < rounds; ++i) {
             const Bytes packet = acl(i * 13 % 1025);
-            const auto middle = packet.begin() + static_cast<std::ptrdiff_t>(1 + i % (packet.size() - 1));
-            EXPECT_EQ(send(Bytes(packet.begin(), middle)), 0);
-            EXPECT_EQ(send(Bytes(middle, packet.end())), 0);
+            const std::size_t cut = 1 + i % (packet.size() - 1);
+            EXPECT_EQ(send(part(packet, 0, cut)), 0);
+            EXPECT_EQ(send(part(packet, cut)), 0);
             while (i >= echoed + 50) // the socket's queue loses what it cannot hold
                 std::this_thread::yield();
         }
@@ -477,8 +418,8 @@ TEST_F(HciRead, AReaderAndAWriterDoNotDisturbEachOther) {
     for (; echoed < rounds && !HasFailure(); ++echoed) {
         EXPECT_EQ(read(freed.size()), freed);
         const Bytes packet = acl(echoed * 13 % 1025);
-        const Bytes indicator = read(1);
-        EXPECT_EQ(indicator + read(packet.size() - 1), packet);
+        EXPECT_EQ(read(1), part(packet, 0, 1));
+        EXPECT_EQ(read(packet.size() - 1), part(packet, 1));
     }
     echoed = rounds;
     writer.join();

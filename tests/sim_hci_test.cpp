@@ -61,17 +61,13 @@ class SimHci : public BoardTest {
     }
 };
 
-constexpr unsigned long up = 0x400448c9;
-constexpr unsigned long down = 0x400448ca;
-constexpr unsigned long raw = 0x400448dc;
-
 TEST_F(SimHci, BindChecksItsAddress) {
     EXPECT_EQ(bind(0, 1), EINVAL);
     EXPECT_EQ(bind(0, 4, {.family = AF_INET}), EINVAL);
     EXPECT_EQ(bind(0, 6, {.family = AF_BLUETOOTH, .number = 0, .channel = 1}), EINVAL);
     EXPECT_EQ(bind(2), ENODEV);
     EXPECT_EQ(bind(0xffff), 0) << "bound to none";
-    EXPECT_EQ(request(raw, 1), EBADFD);
+    EXPECT_EQ(request(hci_raw, 1), EBADFD);
     EXPECT_EQ(write(hci_reset), EBADFD);
     EXPECT_EQ(bind(1, 6), 0);
     EXPECT_EQ(bind(0), EALREADY);
@@ -79,20 +75,20 @@ TEST_F(SimHci, BindChecksItsAddress) {
 
 TEST_F(SimHci, RequestsAndWritesFollowTheControllersState) {
     connect();
-    EXPECT_EQ(request(up), EALREADY);
-    EXPECT_EQ(request(down), 0);
-    EXPECT_EQ(request(down), 0);
+    EXPECT_EQ(request(hci_up), EALREADY);
+    EXPECT_EQ(request(hci_down), 0);
+    EXPECT_EQ(request(hci_down), 0);
     EXPECT_EQ(write(hci_reset), ENETDOWN);
-    EXPECT_EQ(request(up), 0);
-    EXPECT_EQ(request(up, 2), ENODEV);
+    EXPECT_EQ(request(hci_up), 0);
+    EXPECT_EQ(request(hci_up, 2), ENODEV);
     EXPECT_EQ(request(0x5401), ENOTTY);
     EXPECT_EQ(write(acl(1024)), 0);
     EXPECT_EQ(write(acl(1025)), EINVAL);
     EXPECT_EQ(write({1, 2, 3}), EINVAL);
     configure([](auto &config) { config.busy = 1; });
-    EXPECT_EQ(request(raw, 1), EBUSY);
+    EXPECT_EQ(request(hci_raw, 1), EBUSY);
     configure([](auto &config) { config.capable = config.busy = 0; });
-    EXPECT_EQ(request(up), EPERM);
+    EXPECT_EQ(request(hci_up), EPERM);
     EXPECT_EQ(write(hci_reset), EPERM);
 }
 
