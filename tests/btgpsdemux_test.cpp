@@ -106,59 +106,42 @@ TEST_F(BtgpsdemuxTest, TheServiceMayComeLater) {
 // Losing the service ------------------------------------------------------------------------------------
 
 TEST_F(BtgpsdemuxTest, AFailedTransferIsMadeOnTheNextConnection) {
+    const struct {
+        kiv_sim_call call;
+        std::function<std::string()> transfer;
+    } rows[] = {{KIV_SIM_READ, [this] { return read_some(); }},
+                {KIV_SIM_WRITE, [this] { return send("written") == 0 ? read_some() : "unwritten"; }}};
     Peer peer = connect();
-    const auto fail_on_both = [&](kiv_sim_call call, int error, std::function<std::string()> transfer,
-                                  const std::string &result) {
-        fail_next(call, error);
-        AsyncCall made(std::move(transfer));
-        Peer next = service.accept();
-        EXPECT_EQ(peer.receive(1), "") << "the old connection is still open";
-        EXPECT_TRUE(next.send("next"));
-        EXPECT_EQ(made.get(), result);
-        EXPECT_EQ(events.taken(), "DC");
-        peer = std::move(next);
-    };
     for (const int error : {EINTR, ECONNRESET, EBADF, 0}) {
-        SCOPED_TRACE(error);
-        fail_on_both(
-            KIV_SIM_READ, error, [this] { return read_some(); }, "next");
-        fail_on_both(
-            KIV_SIM_WRITE, error, [this] { return std::to_string(send("again")); }, "0");
-        EXPECT_EQ(peer.receive(5), "again");
-        EXPECT_EQ(read_some(), "next");
+        for (const auto &row : rows) {
+            SCOPED_TRACE(kiv_sim_call_name(row.call) + std::to_string(error));
+            fail_next(row.call, error);
+            AsyncCall transfer(row.transfer);
+            Peer next = service.accept();
+            EXPECT_EQ(peer.receive(1), "") << "the old connection is still open";
+            EXPECT_TRUE(next.send("next"));
+            EXPECT_EQ(transfer.get(), "next");
+            EXPECT_EQ(events.taken(), "DC");
+            peer = std::move(next);
+        }
+        EXPECT_EQ(peer.receive(7), "written");
     }
     expect_served_by(peer);
 }
 
-TEST_F(BtgpsdemuxTest, ARefusedConnectionIsTriedAgain) {
-    Peer peer = connect();
-    peer.close();
-    fail_next(KIV_SIM_CONNECT, ECONNREFUSED, 5);
-    AsyncCall text([this] { return read_some(); });
-    peer = service.accept();
-    EXPECT_TRUE(peer.send("back"));
-    EXPECT_EQ(text.get(), "back");
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_USLEEP), 5u);
-    EXPECT_EQ(events.taken(), "DC");
-}
-
 // The one failure that reaches the caller; the next call begins another reconnection.
 TEST_F(BtgpsdemuxTest, AReconnectionWithoutASocketFails) {
-    const auto reported = [](const char *function, const char *text) {
-        return Reports({trace(module, "btgpsdemux_reconnect", "fd = socket(1, SOCK_STREAM, 0)", EMFILE),
-                        trace("posix/linux_uart", function, text, EMFILE),
-                        warned("posix/linux_uart", function)});
-    };
+    const std::string text = "fd = socket(1, SOCK_STREAM, 0)";
     connect().close();
     fail_next(KIV_SIM_SOCKET, EMFILE, 2);
-    EXPECT_EQ(read_some(), "status 24");
-    EXPECT_EQ(port.fd, -1);
-    EXPECT_EQ(events.taken(), "D");
-    EXPECT_EQ(reports(), reported("sup_uart_Read_partial", "ret = pos_read(UART_infos, buffer, remaining)"));
-    EXPECT_EQ(send("unsent"), EMFILE);
-    EXPECT_EQ(events.taken(), "D");
-    EXPECT_EQ(reports(), reported("sup_uart_Send",
-                                  "ret = pos_write(UART_infos, buffer + (length - remaining), remaining)"));
+    for (const bool reads : {true, false}) {
+        EXPECT_EQ(reads ? read_some() : "status " + std::to_string(send("unsent")), "status 24");
+        EXPECT_EQ(port.fd, -1);
+        EXPECT_EQ(events.taken(), "D");
+        const Reports seen = reports();
+        ASSERT_EQ(seen.size(), 3u) << "the last two are the caller's";
+        EXPECT_EQ(seen.front(), trace(module, "btgpsdemux_reconnect", text, EMFILE));
+    }
     EXPECT_EQ(send("sent"), 0);
     EXPECT_EQ(events.taken(), "DC");
     const Peer peer = service.accept();
