@@ -137,7 +137,8 @@ TEST_F(Hci, TheNumberChoosesTheController) {
     const struct {
         const char *name;
         unsigned controller;
-    } rows[] = {{"hci", 0}, {"hcifoo", 0}, {"hci1", 1}, {"hci03", 3}, {"hci 1x", 1}, {"hci65537", 1}};
+    } rows[] = {{"hci", 0},    {"hcifoo", 0}, {"hci1", 1},    {"hci03", 3},
+                {"hci0x3", 0}, {"hci 1x", 1}, {"hci65537", 1}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         ASSERT_EQ(open(row.name), 0);
