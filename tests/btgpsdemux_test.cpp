@@ -45,6 +45,7 @@ class BtgpsdemuxTest : public UnixPortTest {
     Events events;
 
     int open_status(const std::string &path) override {
+        ::signal(SIGPIPE, SIG_IGN); // writes leave that to the application
         const UART_status_cb callbacks = events.callbacks();
         sup_uart_Prepare(&port, &callbacks);
         return sup_uart_Opened(&port, pos_btgpsdemux_open(&port, path.c_str()));
@@ -54,15 +55,10 @@ class BtgpsdemuxTest : public UnixPortTest {
         EXPECT_EQ(events.taken(), "C");
         return peer;
     }
-    void SetUp() override {
-        UnixPortTest::SetUp();
-        ::signal(SIGPIPE, SIG_IGN);
-    }
     void TearDown() override {
         UnixPortTest::TearDown();
         EXPECT_EQ(events.taken(), "");
         EXPECT_EQ(mutexes_alive, 0);
-        ::signal(SIGPIPE, SIG_DFL);
     }
 };
 

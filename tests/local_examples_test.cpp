@@ -1,6 +1,7 @@
 // The examples that talk to a local service, run as a user would.
 
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "fixtures/unix_service.h"
@@ -11,21 +12,16 @@ namespace {
 
 // A program that runs beside the test. Its output comes when it has ended.
 class Program {
-    FILE *output_;
+    std::unique_ptr<FILE, int (*)(FILE *)> output_;
 
   public:
-    explicit Program(const std::string &command) : output_(::popen((EMULATOR + command).c_str(), "r")) {}
-    Program(const Program &) = delete;
-    Program &operator=(const Program &) = delete;
-    ~Program() {
-        if (output_ != nullptr)
-            ::pclose(output_);
-    }
+    explicit Program(const std::string &command)
+        : output_(::popen((EMULATOR + command).c_str(), "r"), ::pclose) {}
     std::string output() {
         std::string text;
-        for (int c = std::fgetc(output_); c != EOF; c = std::fgetc(output_))
+        for (int c = std::fgetc(output_.get()); c != EOF; c = std::fgetc(output_.get()))
             text += static_cast<char>(c);
-        EXPECT_EQ(::pclose(std::exchange(output_, nullptr)), 0);
+        EXPECT_EQ(::pclose(output_.release()), 0);
         return text;
     }
 };
