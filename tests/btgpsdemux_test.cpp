@@ -126,9 +126,11 @@ TEST_F(BtgpsdemuxTest, AFailedTransferIsMadeOnTheNextConnection) {
 }
 
 // The one failure that reaches the caller; the next call begins another reconnection.
+// The lost number stays the port's meanwhile, for a thread that is late with it.
 TEST_F(BtgpsdemuxTest, AReconnectionWithoutASocketFails) {
     const std::string text = "fd = socket(1, SOCK_STREAM, 0)";
     connect().close();
+    const int number = port.fd;
     fail_next(KIV_SIM_SOCKET, EMFILE, 2);
     for (const bool reads : {true, false}) {
         EXPECT_EQ(reads ? read_some() : "status " + std::to_string(send("unsent")), "status 24");
@@ -138,9 +140,22 @@ TEST_F(BtgpsdemuxTest, AReconnectionWithoutASocketFails) {
         ASSERT_EQ(seen.size(), 3u) << "the last two are the caller's";
         EXPECT_EQ(seen.front(), trace(module, "btgpsdemux_reconnect", text, EMFILE));
     }
+    const int other = ::dup(0);
+    EXPECT_NE(other, number);
+    ::close(other);
     EXPECT_EQ(send("sent"), 0);
+    EXPECT_EQ(port.fd, number);
     EXPECT_EQ(events.taken(), "DC");
-    const Peer peer = service.accept();
+    Peer peer = service.accept();
+    EXPECT_EQ(peer.receive(4), "sent");
+
+    // When it cannot be taken over, the connection keeps the number that it has.
+    fail_next(KIV_SIM_DUP2, EBUSY);
+    fail_next(KIV_SIM_WRITE, EPIPE);
+    EXPECT_EQ(send("sent"), 0);
+    EXPECT_NE(port.fd, number);
+    EXPECT_EQ(events.taken(), "DC");
+    peer = service.accept();
     EXPECT_EQ(peer.receive(4), "sent");
     expect_served_by(peer);
 }

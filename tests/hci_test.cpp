@@ -358,12 +358,13 @@ TEST_F(OpenHci, ATimedReadDoesNotSeeTheCache) {
 }
 
 TEST_F(OpenHci, AfterAFailedReadTheNextOneReadsTheSocket) {
-    for (const int error : {ENOMEM, 0}) {
-        SCOPED_TRACE(error);
+    // Into the cache, and past it into a buffer that takes every packet.
+    for (const auto &[error, room] : {std::pair{ENOMEM, 14u}, {0, 14u}, {ENOMEM, 2000u}, {0, 2000u}}) {
+        SCOPED_TRACE(room);
         controller_sends(event(10));
         ASSERT_EQ(
             error != 0 ? kiv_sim_fail(KIV_SIM_READ, 2, 1, error) : kiv_sim_answer(KIV_SIM_READ, 2, 1, 0), 0);
-        EXPECT_EQ(read(14, error != 0 ? error : EIO), event(10));
+        EXPECT_EQ(read(room, error != 0 ? error : EIO), event(10));
         EXPECT_EQ(reports(), failed_read(error));
         kiv_sim_clear_faults();
         controller_sends(sco(6));
@@ -384,16 +385,18 @@ TEST_F(OpenHci, AControllerThatGoesAwayEndsTheStream) {
 }
 
 TEST_F(OpenHci, AnInterruptedReadIsMadeAgainUnseen) {
-    const unsigned before = kiv_sim_calls(KIV_SIM_READ);
-    Bytes got;
-    std::thread reader([&] { got = read(4); });
-    {
-        Interrupter interrupter(reader.native_handle());
-        kiv_sim_wait_calls(KIV_SIM_READ, before + 3);
+    for (const std::size_t room : {4u, 1029u}) {
+        const unsigned before = kiv_sim_calls(KIV_SIM_READ);
+        Bytes got;
+        std::thread reader([&] { got = read_partial(room); });
+        {
+            Interrupter interrupter(reader.native_handle());
+            kiv_sim_wait_calls(KIV_SIM_READ, before + 3);
+        }
+        controller_sends(event(1));
+        reader.join();
+        EXPECT_EQ(got, event(1));
     }
-    controller_sends(event(1));
-    reader.join();
-    EXPECT_EQ(got, event(1));
 }
 
 TEST_F(OpenHci, AReaderAndAWriterDoNotDisturbEachOther) {
