@@ -1,14 +1,15 @@
-// GPIO pins, through the device and through the sysfs files. The module is compiled into this program, so
-// that its back end can be selected, and put back, from here.
+// GPIO pins, through the device and through the sysfs files, and interrupts of pins. The module is compiled
+// into this program, so that its back end can be selected, and put back, from here.
 
 #include <cerrno>
 #include <functional>
 #include <string>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include "fixtures/log_capture.h"
+#include "fixtures/pins.h"
+#include "fixtures/signal.h"
 #include "kiv/gpio.h"
 #include "kiv/platform.h"
 #include "linux/gpio_backend.h"
@@ -16,31 +17,52 @@
 namespace kiv::test {
 namespace {
 
+using namespace std::string_literals;
+
 const char module[] = "linux/gpio";
 
-// The statement of a request: its direction, its number and its argument.
-std::string requested(const std::string &direction, const std::string &number, const std::string &type) {
-    return "ret = ioctl(gpio_fd, (((" + direction + ") << (((0+8)+8)+14)) | ((('p')) << (0+8)) | (((" +
-           number + ")) << 0) | ((((sizeof(struct gpio_" + type + ")))) << ((0+8)+8))), &" +
-           (type == "data" ? "data)" : "dir)");
+// The statement of a request: its descriptor, direction, number, the type and the name of its argument.
+std::string requested(const std::string &fd, const std::string &direction, int number,
+                      const std::string &type, const std::string &argument) {
+    return "ret = ioctl(" + fd + ", (((" + direction + ") << (((0+8)+8)+14)) | ((('p')) << (0+8)) | (((" +
+           std::to_string(number) + ")) << 0) | ((((sizeof(struct gpio_" + type + ")))) << ((0+8)+8))), &" +
+           argument + ")";
 }
 
 // The statement of a call that is repeated after a signal.
 std::string repeated(const std::string &left_side, const std::string &call) {
-    std::string text = left_side;
-    return text.append("({ int __ret; while((__ret = (")
-        .append(call)
-        .append(")) == -1 && (*__errno_location ()) == 4); __ret;})");
+    return left_side + "({ int __ret; while((__ret = (" + call +
+           ")) == -1 && (*__errno_location ()) == 4); __ret;})";
 }
 
 const std::string open_text = repeated("*fd = ", "open(\"/dev/gpio\", 02)");
 const std::string close_text = repeated("", "close(fd)");
 
-kiv_sim_pin_state pin_state(unsigned pin) {
-    kiv_sim_pin_state state = {};
-    EXPECT_EQ(kiv_sim_pin_inspect(pin, &state), 0);
-    return state;
+Reports refused(const char *function, const std::string &text, int error) {
+    return {trace(module, function, text, error), warned(module, function)};
 }
+
+using Operation = int (*)();
+
+constexpr Operation input = [] { return kiv_gpio_config(4, KIV_GPIO_INPUT); };
+constexpr Operation low = [] { return kiv_gpio_config(4, KIV_GPIO_OUTPUT_LOW); };
+constexpr Operation high = [] { return kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH); };
+constexpr Operation set = [] { return kiv_gpio_output_set(4); };
+constexpr Operation clear = [] { return kiv_gpio_output_clear(4); };
+constexpr Operation read = [] { return kiv_gpio_read(4); };
+
+// What is done to a pin, what that writes to its file, and what the pin is then.
+const struct {
+    Operation by_number, by_name;
+    std::string text;
+    int is_output, level;
+} changes[] = {
+    {high, [] { return kiv_gpio_n_config("led", KIV_GPIO_OUTPUT_HIGH); }, "high\0"s, 1, 1},
+    {low, [] { return kiv_gpio_n_config("led", KIV_GPIO_OUTPUT_LOW); }, "low\0"s, 1, 0},
+    {set, [] { return kiv_gpio_n_output_set("led"); }, "1\0"s, 1, 1},
+    {clear, [] { return kiv_gpio_n_output_clear("led"); }, "0\0"s, 1, 0},
+    {input, [] { return kiv_gpio_n_config("led", KIV_GPIO_INPUT); }, "in\0"s, 0, 0},
+};
 
 class Gpio : public LoggedBoardTest {
   protected:
@@ -50,151 +72,87 @@ class Gpio : public LoggedBoardTest {
         select_gpio_backend(GPIO_BACKEND_NONE, -1);
     }
     void TearDown() override {
-        if (gpio_backend == GPIO_BACKEND_DEV && gpio_fd >= 0)
+        if (gpio_backend == GPIO_BACKEND_DEV)
             ::close(gpio_fd);
         LoggedBoardTest::TearDown();
     }
 };
-
-using Operation = std::function<int()>;
-
-const std::vector<Operation> numbered = {
-    [] { return kiv_gpio_config(4, KIV_GPIO_OUTPUT_LOW); },
-    [] { return kiv_gpio_read(4); },
-    [] { return kiv_gpio_output_set(4); },
-    [] { return kiv_gpio_output_clear(4); },
-};
-const std::vector<Operation> named = {
-    [] { return kiv_gpio_n_config("led", KIV_GPIO_OUTPUT_LOW); },
-    [] { return kiv_gpio_n_read("led"); },
-    [] { return kiv_gpio_n_output_set("led"); },
-    [] { return kiv_gpio_n_output_clear("led"); },
-};
-
-void expect_all(const std::vector<Operation> &operations, int result) {
-    for (const auto &operation : operations)
-        EXPECT_EQ(operation(), result);
-}
 
 // The device ---------------------------------------------------------------------------------------------
 
 TEST_F(Gpio, OpensTheDeviceOnceAndGoesOnAfterSignals) {
     ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 3, EINTR), 0);
     EXPECT_EQ(kiv_gpio_open(), 0);
-    EXPECT_EQ(kiv_gpio_open(), 0);
     kiv_gpio_close();
     EXPECT_EQ(kiv_gpio_open(), 0);
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 4u);
-    EXPECT_EQ(kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH), 0);
+    EXPECT_EQ(high(), 0);
 }
 
 TEST_F(Gpio, FailedOpeningLeavesNothingSelected) {
-    for (const int error : {ENOENT, EACCES, EMFILE}) {
-        ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, error), 0);
-        EXPECT_EQ(kiv_gpio_open(), error);
-        EXPECT_EQ(reports(), Reports({trace(module, "kiv_gpio_dev_open", open_text, error),
-                                      warned(module, "kiv_gpio_dev_open")}));
-        expect_all(numbered, -1);
-        expect_all(named, -1);
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, ENOENT), 0);
+    EXPECT_EQ(kiv_gpio_open(), ENOENT);
+    EXPECT_EQ(reports(), refused("kiv_gpio_dev_open", open_text, ENOENT));
+    for (const auto &change : changes) {
+        EXPECT_EQ(change.by_number(), -1);
+        EXPECT_EQ(change.by_name(), -1);
     }
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 3u);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_IOCTL), 0u);
-    EXPECT_EQ(gpio_fd, -1);
+    EXPECT_EQ(read(), -1);
+    EXPECT_EQ(kiv_gpio_n_read("led"), -1);
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 1u);
     EXPECT_EQ(kiv_gpio_open(), 0);
 }
 
 TEST_F(Gpio, ConfiguresReadsAndDrives) {
     ASSERT_EQ(kiv_gpio_open(), 0);
     ASSERT_EQ(kiv_sim_pin_wire(4, 9), 0);
-    EXPECT_EQ(kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH), 0);
-    EXPECT_EQ(kiv_gpio_read(9), 1);
-    EXPECT_EQ(kiv_gpio_output_clear(4), 0);
-    EXPECT_EQ(kiv_gpio_read(9), 0);
-    EXPECT_EQ(kiv_gpio_output_set(4), 0);
-    EXPECT_EQ(kiv_gpio_read(9), 1);
-    EXPECT_EQ(kiv_gpio_config(4, KIV_GPIO_OUTPUT_LOW), 0);
-    EXPECT_EQ(kiv_gpio_read(9), 0);
-    EXPECT_EQ(kiv_gpio_config(4, KIV_GPIO_INPUT), 0);
-    EXPECT_FALSE(pin_state(4).is_output);
-    for (const int unknown : {7, 3, -1}) {
-        ASSERT_EQ(kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH), 0);
+    for (const auto &change : changes) {
+        EXPECT_EQ(change.by_number(), 0);
+        EXPECT_EQ(pin_state(4).is_output, change.is_output);
+        EXPECT_EQ(kiv_gpio_read(9), change.level);
+        EXPECT_EQ(change.by_name(), -1);
+    }
+    for (const int unknown : {3, -1}) {
+        ASSERT_EQ(high(), 0);
         EXPECT_EQ(kiv_gpio_config(4, unknown), 0);
         EXPECT_FALSE(pin_state(4).is_output) << unknown;
     }
     ASSERT_EQ(kiv_sim_pin_drive(5, 1), 0);
-    for (const int high : {0x80, -1, 0x40000000}) {
-        kiv_sim_gpio_set_high(high);
-        EXPECT_EQ(kiv_gpio_read(5), 1) << high;
+    for (const int level : {0x80, -1}) {
+        kiv_sim_gpio_set_high(level);
+        EXPECT_EQ(kiv_gpio_read(5), 1) << level;
     }
-    expect_all(named, -1);
-    EXPECT_EQ(reports(), Reports());
-    for (const int pin : {64, -1})
-        EXPECT_EQ(kiv_gpio_config(pin, KIV_GPIO_INPUT), EINVAL);
-    EXPECT_EQ(kiv_gpio_read(64), -1);
-    EXPECT_EQ(reports().size(), 6u);
-}
-
-struct DeviceRow {
-    Operation operation;
-    const char *function;
-    std::string text;
-    bool reads;
-};
-
-const std::vector<DeviceRow> device_rows = {
-    {numbered[0], "kiv_gpio_dev_config", requested("1U", "0", "direction"), false},
-    {numbered[1], "kiv_gpio_dev_read", requested("2U|1U", "1", "data"), true},
-    {numbered[2], "kiv_gpio_dev_write", requested("1U", "2", "data"), false},
-    {numbered[3], "kiv_gpio_dev_write", requested("1U", "2", "data"), false},
-};
-
-// The reports of a refused request at one log level.
-Reports refusal(const DeviceRow &row, int error) {
-    Reports expected;
-    if (error != 0 && kiv_log_dyn_level_POS >= 1)
-        expected.push_back(trace(module, row.function, row.text, error));
-    if (row.reads || error != 0)
-        expected.push_back(warned(module, row.function, row.reads ? "ret != -1" : "ret == 0"));
-    return expected;
+    EXPECT_EQ(kiv_gpio_n_read("led"), -1);
 }
 
 // Without a reason, -1 is a success of everything that returns an errno value.
 TEST_F(Gpio, RefusedRequestsAreReportedAndNotRepeated) {
+    const struct {
+        Operation operation;
+        const char *function, *warning;
+        std::string text;
+    } rows[] = {
+        {low, "kiv_gpio_dev_config", "ret == 0", requested("gpio_fd", "1U", 0, "direction", "dir")},
+        {read, "kiv_gpio_dev_read", "ret != -1", requested("gpio_fd", "2U|1U", 1, "data", "data")},
+        {clear, "kiv_gpio_dev_write", "ret == 0", requested("gpio_fd", "1U", 2, "data", "data")},
+    };
     ASSERT_EQ(kiv_gpio_open(), 0);
-    for (const int level : {0, 1, 2, 3})
-        for (const int error : {EINTR, EBUSY, ENODEV, 0})
-            for (const auto &row : device_rows) {
-                kiv_log_dyn_level_POS = level;
-                const unsigned before = kiv_sim_calls(KIV_SIM_IOCTL);
-                errno = 0;
-                ASSERT_EQ(error == 0 ? kiv_sim_answer(KIV_SIM_IOCTL, 1, 1, -1)
-                                     : kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, error),
-                          0);
-                EXPECT_EQ(row.operation(), row.reads ? -1 : error);
-                EXPECT_EQ(reports(), refusal(row, error)) << "level " << level;
-                EXPECT_EQ(kiv_sim_calls(KIV_SIM_IOCTL), before + 1);
-                kiv_sim_clear_faults();
-            }
-    EXPECT_EQ(gpio_backend, GPIO_BACKEND_DEV);
-}
-
-TEST_F(Gpio, PinsServeManyThreads) {
-    ASSERT_EQ(kiv_gpio_open(), 0);
-    std::vector<std::thread> threads;
-    for (int pin = 0; pin < 8; pin += 2) {
-        ASSERT_EQ(kiv_sim_pin_wire(static_cast<unsigned>(pin), static_cast<unsigned>(pin) + 1), 0);
-        threads.emplace_back([pin] {
-            EXPECT_EQ(kiv_gpio_config(pin, KIV_GPIO_OUTPUT_LOW), 0);
-            for (int round = 0; round < 200; ++round) {
-                EXPECT_EQ(kiv_gpio_output_set(pin), 0);
-                EXPECT_EQ(kiv_gpio_read(pin + 1), 1);
-                EXPECT_EQ(kiv_gpio_output_clear(pin), 0);
-                EXPECT_EQ(kiv_gpio_read(pin + 1), 0);
-            }
-        });
-    }
-    for (auto &thread : threads)
-        thread.join();
+    for (const auto &row : rows)
+        for (const int level : {0, 1}) {
+            kiv_log_dyn_level_POS = level;
+            const Reports warning = {warned(module, row.function, row.warning)};
+            const bool reads = row.operation == read;
+            ASSERT_EQ(kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, EINTR), 0);
+            EXPECT_EQ(row.operation(), reads ? -1 : EINTR);
+            Reports expected = times(level >= 1 ? 1 : 0, trace(module, row.function, row.text, EINTR));
+            expected.insert(expected.end(), warning.begin(), warning.end());
+            EXPECT_EQ(reports(), expected);
+            ASSERT_EQ(kiv_sim_answer(KIV_SIM_IOCTL, 1, 1, -1), 0);
+            errno = 0;
+            EXPECT_EQ(row.operation(), reads ? -1 : 0);
+            EXPECT_EQ(reports(), reads ? warning : Reports());
+        }
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_IOCTL), 12u);
 }
 
 // Sysfs --------------------------------------------------------------------------------------------------
@@ -207,84 +165,48 @@ class SysfsGpio : public Gpio {
         ASSERT_EQ(kiv_sim_sysfs_export("led", 4, 1), 0);
         select_gpio_backend(GPIO_BACKEND_SYSFS, -1);
     }
-
-    // Makes pin 4 an output behind the files' back, for directories without "direction".
-    static void make_output() {
-        EXPECT_EQ(kiv_gpio_config(4, KIV_GPIO_OUTPUT_LOW), 0);
-        EXPECT_TRUE(pin_state(4).is_output);
-    }
-
     static std::string written(const char *name) {
         char bytes[16];
         return {bytes, kiv_sim_sysfs_written(name, bytes, sizeof bytes)};
     }
 };
 
-std::string with_zero(const std::string &text) {
-    return text + '\0';
-}
-
-// Each operation: what it writes, what the pin is then, and that it costs one open, one transfer, one close
-// and no memory.
-TEST_F(SysfsGpio, OneFileAnOperation) {
-    const Operation high = [] { return kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH); };
-    const Operation high_by_name = [] { return kiv_gpio_n_config("led", KIV_GPIO_OUTPUT_HIGH); };
-    const Operation input = [] { return kiv_gpio_config(4, KIV_GPIO_INPUT); };
-    const Operation input_by_name = [] { return kiv_gpio_n_config("led", KIV_GPIO_INPUT); };
-    const struct {
-        Operation by_number, by_name;
-        std::string text;
-        bool is_output;
-        int level;
-    } rows[] = {
-        {high, high_by_name, "high", true, 1},  {numbered[0], named[0], "low", true, 0},
-        {numbered[2], named[2], "1", true, 1},  {numbered[3], named[3], "0", true, 0},
-        {input, input_by_name, "in", false, 0},
-    };
+TEST_F(SysfsGpio, AnOperationIsOneOpeningOneTransferOneClosingAndNoMemory) {
     EXPECT_EQ(kiv_gpio_open(), 0) << "keeps the files";
-    unsigned operations = 0;
-    for (const auto &row : rows)
+    for (const auto &change : changes)
         for (const bool by_name : {false, true}) {
-            EXPECT_EQ(by_name ? row.by_name() : row.by_number(), 0) << row.text;
-            EXPECT_EQ(written(by_name ? "led" : "gpio4"), with_zero(row.text));
-            EXPECT_EQ(pin_state(4).is_output, row.is_output ? 1 : 0);
-            EXPECT_EQ(pin_state(4).level, row.level);
-            ++operations;
+            const unsigned allocations = kiv_sim_calls(KIV_SIM_MALLOC) + kiv_sim_calls(KIV_SIM_CALLOC);
+            const int status = by_name ? change.by_name() : change.by_number();
+            EXPECT_EQ(kiv_sim_calls(KIV_SIM_MALLOC) + kiv_sim_calls(KIV_SIM_CALLOC), allocations);
+            EXPECT_EQ(status, 0);
+            EXPECT_EQ(written(by_name ? "led" : "gpio4"), change.text);
+            EXPECT_EQ(pin_state(4).is_output, change.is_output);
+            EXPECT_EQ(pin_state(4).level, change.level);
         }
     for (const auto call : {KIV_SIM_OPEN, KIV_SIM_WRITE, KIV_SIM_CLOSE})
-        EXPECT_EQ(kiv_sim_calls(call), operations) << kiv_sim_call_name(call);
-}
-
-TEST_F(SysfsGpio, AllocatesNothing) {
-    if (kiv_sim_reaches(KIV_SIM_MALLOC) == 0)
-        GTEST_SKIP() << "allocations cannot be counted here";
-    const unsigned before = kiv_sim_calls(KIV_SIM_MALLOC) + kiv_sim_calls(KIV_SIM_CALLOC);
-    const int results[] = {kiv_gpio_n_config("led", KIV_GPIO_OUTPUT_HIGH), kiv_gpio_n_read("led"),
-                           kiv_gpio_config(4, KIV_GPIO_OUTPUT_LOW), kiv_gpio_read(4)};
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_MALLOC) + kiv_sim_calls(KIV_SIM_CALLOC), before);
-    EXPECT_EQ(std::vector<int>(std::begin(results), std::end(results)), std::vector<int>({0, 1, 0, 0}));
+        EXPECT_EQ(kiv_sim_calls(call), 10u) << kiv_sim_call_name(call);
 }
 
 TEST_F(SysfsGpio, ReadsTheFirstCharacter) {
     const struct {
         const char *text;
         int level;
-    } rows[] = {{"1\n", 1}, {"0\n", 0}, {"1", 1}, {"", -1}, {"x\n", -1}, {"\n", -1}, {"2\n", -1}};
+    } rows[] = {{"1\n", 1}, {"0", 0}, {"", -1}, {"\n", -1}, {"2\n", -1}};
     for (const auto &row : rows) {
         ASSERT_EQ(kiv_sim_sysfs_show("gpio4", row.text), 0);
-        EXPECT_EQ(kiv_gpio_read(4), row.level) << row.text;
+        EXPECT_EQ(read(), row.level) << row.text;
         ASSERT_EQ(kiv_sim_sysfs_show("led", row.text), 0);
         EXPECT_EQ(kiv_gpio_n_read("led"), row.level) << row.text;
     }
 }
 
 TEST_F(SysfsGpio, WithoutDirectionTheLevelIsDriven) {
-    make_output();
+    ASSERT_EQ(high(), 0);
     ASSERT_EQ(kiv_sim_sysfs_export("fixed", 4, 0), 0);
     EXPECT_EQ(kiv_gpio_n_config("fixed", KIV_GPIO_OUTPUT_HIGH), 0);
-    EXPECT_EQ(written("fixed"), with_zero("1"));
+    EXPECT_EQ(written("fixed"), "1\0"s);
     EXPECT_EQ(kiv_gpio_n_config("fixed", KIV_GPIO_OUTPUT_LOW), 0);
-    EXPECT_EQ(written("fixed"), with_zero("0"));
+    EXPECT_EQ(written("fixed"), "0\0"s);
     const unsigned before = kiv_sim_calls(KIV_SIM_WRITE);
     EXPECT_EQ(kiv_gpio_n_config("fixed", KIV_GPIO_INPUT), 0);
     EXPECT_EQ(kiv_gpio_n_config("fixed", 7), 0);
@@ -295,9 +217,6 @@ TEST_F(SysfsGpio, WithoutDirectionTheLevelIsDriven) {
 
 // Every system call of every operation fails once.
 TEST_F(SysfsGpio, EachFailureIsTraced) {
-    const Operation &set = numbered[2], &clear = named[3], &read = numbered[1], &low = named[0];
-    const Operation input = [] { return kiv_gpio_config(4, KIV_GPIO_INPUT); };
-    const Operation high = [] { return kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH); };
     const struct {
         Operation operation;
         kiv_sim_call call;
@@ -308,33 +227,26 @@ TEST_F(SysfsGpio, EachFailureIsTraced) {
         {set, KIV_SIM_OPEN, EIO, "kiv_gpio_sysfs_write", repeated("rc = ", "open(strbuf,01)")},
         {set, KIV_SIM_WRITE, EIO, "kiv_gpio_sysfs_write", repeated("rc = ", "write(fd,\"1\",2)")},
         {set, KIV_SIM_CLOSE, 0, "kiv_gpio_sysfs_write", close_text},
-        {clear, KIV_SIM_WRITE, EIO, "kiv_gpio_sysfs_write", repeated("rc = ", "write(fd,\"0\",2)")},
         {read, KIV_SIM_OPEN, -1, "kiv_gpio_sysfs_read", repeated("rc = ", "open(strbuf,00)")},
         {read, KIV_SIM_READ, -1, "kiv_gpio_sysfs_read", repeated("rc = ", "read(fd,&buf,1)")},
-        {read, KIV_SIM_CLOSE, 0, "kiv_gpio_sysfs_read", close_text},
-        {input, KIV_SIM_WRITE, EIO, "kiv_gpio_sysfs_config", repeated("rc = ", "write(fd,\"in\",3)")},
-        {low, KIV_SIM_WRITE, EIO, "kiv_gpio_sysfs_config", repeated("rc = ", "write(fd,\"low\",4)")},
+        {read, KIV_SIM_CLOSE, 1, "kiv_gpio_sysfs_read", close_text},
         {high, KIV_SIM_WRITE, EIO, "kiv_gpio_sysfs_config", repeated("rc = ", "write(fd,\"high\",5)")},
         {high, KIV_SIM_CLOSE, 0, "kiv_gpio_sysfs_config", close_text},
     };
-    for (const auto &row : rows)
-        for (const int level : {0, 1, 3}) {
-            kiv_log_dyn_level_POS = 3;
-            make_output();
-            kiv_log_dyn_level_POS = level;
-            ASSERT_EQ(kiv_sim_fail(row.call, 1, 1, EIO), 0);
-            EXPECT_EQ(row.operation(), row.result) << row.text;
-            EXPECT_EQ(reports(), times(level >= 1 ? 1 : 0, trace(module, row.function, row.text, EIO)));
-            kiv_sim_clear_faults();
-        }
+    ASSERT_EQ(high(), 0);
+    for (const auto &row : rows) {
+        ASSERT_EQ(kiv_sim_fail(row.call, 1, 1, EIO), 0);
+        EXPECT_EQ(row.operation(), row.result) << row.text;
+        EXPECT_EQ(reports(), Reports({trace(module, row.function, row.text, EIO)}));
+    }
 }
 
 // The message has no line end, and is no trace: it has a level of its own.
 TEST_F(SysfsGpio, DirectionThatDoesNotOpen) {
-    for (const int level : {0, 1, 2, 3}) {
+    for (const int level : {1, 2}) {
         kiv_log_dyn_level_POS = level;
         ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, EACCES), 0);
-        EXPECT_EQ(kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH), EACCES);
+        EXPECT_EQ(high(), EACCES);
         EXPECT_EQ(reports(),
                   times(level >= 2 ? 1 : 0,
                         logged(2, "can't open '/sys/class/gpio/gpio4/direction':Permission denied")));
@@ -342,15 +254,15 @@ TEST_F(SysfsGpio, DirectionThatDoesNotOpen) {
 }
 
 TEST_F(SysfsGpio, SignalsAreNotNoticed) {
-    for (const auto call : {KIV_SIM_OPEN, KIV_SIM_WRITE}) {
-        ASSERT_EQ(kiv_sim_fail(call, 1, 3, EINTR), 0);
-        EXPECT_EQ(kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH), 0);
-        ASSERT_EQ(kiv_sim_fail(call, 1, 3, EINTR), 0);
-        EXPECT_EQ(kiv_gpio_output_set(4), 0);
-    }
-    for (const auto call : {KIV_SIM_OPEN, KIV_SIM_READ}) {
-        ASSERT_EQ(kiv_sim_fail(call, 1, 3, EINTR), 0);
-        EXPECT_EQ(kiv_gpio_read(4), 1);
+    const struct {
+        Operation operation;
+        kiv_sim_call call;
+        int result;
+    } rows[] = {{high, KIV_SIM_OPEN, 0}, {high, KIV_SIM_WRITE, 0}, {set, KIV_SIM_OPEN, 0},
+                {set, KIV_SIM_WRITE, 0}, {read, KIV_SIM_OPEN, 1},  {read, KIV_SIM_READ, 1}};
+    for (const auto &row : rows) {
+        ASSERT_EQ(kiv_sim_fail(row.call, 1, 3, EINTR), 0);
+        EXPECT_EQ(row.operation(), row.result);
     }
     EXPECT_EQ(kiv_sim_faults_fired(), 18u);
 }
@@ -358,26 +270,22 @@ TEST_F(SysfsGpio, SignalsAreNotNoticed) {
 // The kernel has closed the descriptor even so, which the second attempt then finds out.
 TEST_F(SysfsGpio, InterruptedCloseIsRepeated) {
     ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EINTR), 0);
-    EXPECT_EQ(kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH), 0);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_CLOSE), 2u);
+    EXPECT_EQ(high(), 0);
     EXPECT_EQ(reports(), Reports({trace(module, "kiv_gpio_sysfs_config", close_text, EBADF)}));
 }
 
 // A transfer that the kernel cuts short sets no errno: the result is the errno of before.
 TEST_F(SysfsGpio, ShortTransfers) {
-    make_output();
+    ASSERT_EQ(high(), 0);
     const struct {
         Operation operation;
         kiv_sim_call call;
         unsigned length;
         int result;
-    } rows[] = {
-        {numbered[2], KIV_SIM_WRITE, 1, EDOM},
-        {[] { return kiv_gpio_config(4, KIV_GPIO_INPUT); }, KIV_SIM_WRITE, 2, EDOM},
-        {numbered[0], KIV_SIM_WRITE, 3, 0},
-        {[] { return kiv_gpio_config(4, KIV_GPIO_OUTPUT_HIGH); }, KIV_SIM_WRITE, 4, 0},
-        {numbered[1], KIV_SIM_READ, 0, -1},
-    };
+    } rows[] = {{set, KIV_SIM_WRITE, 1, EDOM},
+                {input, KIV_SIM_WRITE, 2, EDOM},
+                {low, KIV_SIM_WRITE, 3, 0},
+                {read, KIV_SIM_READ, 0, -1}};
     for (const auto &row : rows) {
         ASSERT_EQ(kiv_sim_shorten(row.call, 1, 1, row.length), 0);
         errno = EDOM;
@@ -389,18 +297,119 @@ TEST_F(SysfsGpio, ShortTransfers) {
 TEST_F(SysfsGpio, LongPathsAreCut) {
     const std::string cut(33, 'n'); // fills the path with the tree's 16 characters
     ASSERT_EQ(kiv_sim_sysfs_export(cut.c_str(), 4, 1), 0);
-    for (const std::string &name : {cut, cut + "and more"}) {
-        EXPECT_EQ(kiv_gpio_n_config(name.c_str(), KIV_GPIO_INPUT), EISDIR);
-        EXPECT_EQ(kiv_gpio_n_read(name.c_str()), -1);
-        EXPECT_EQ(reports(), Reports({logged(2, "can't open '/sys/class/gpio/" + cut + "':Is a directory"),
-                                      trace(module, "kiv_gpio_sysfs_read",
-                                            repeated("rc = ", "read(fd,&buf,1)"), EISDIR)}));
-    }
+    const std::string longer = cut + "and more";
+    EXPECT_EQ(kiv_gpio_n_config(longer.c_str(), KIV_GPIO_INPUT), EISDIR);
+    EXPECT_EQ(kiv_gpio_n_read(longer.c_str()), -1);
+    EXPECT_EQ(reports(),
+              Reports({logged(2, "can't open '/sys/class/gpio/" + cut + "':Is a directory"),
+                       trace(module, "kiv_gpio_sysfs_read", repeated("rc = ", "read(fd,&buf,1)"), EISDIR)}));
     const std::string shorter(27, 'n'); // room for "/value", not for "/direction"
     ASSERT_EQ(kiv_sim_sysfs_export(shorter.c_str(), 4, 1), 0);
     EXPECT_EQ(kiv_gpio_n_config(shorter.c_str(), KIV_GPIO_INPUT), 0); // no "direct"
     EXPECT_EQ(kiv_gpio_n_read(shorter.c_str()), 0);
     EXPECT_EQ(written(shorter.c_str()), "");
+}
+
+// Interrupts ---------------------------------------------------------------------------------------------
+
+class GpioIrq : public Gpio {
+  protected:
+    kiv_gpio_irq_device irq_ = {-1, -1};
+
+    void open(unsigned mode = KIV_SIM_EDGE_RISING) {
+        ASSERT_EQ(kiv_gpio_irq_open(&irq_, 8, mode), 0);
+        ASSERT_EQ(irq_.pin, 8);
+    }
+};
+
+TEST_F(GpioIrq, WaitsForTheEdgesOfItsMode) {
+    const struct {
+        unsigned mode;
+        int before, after;
+    } rows[] = {{KIV_SIM_EDGE_RISING, 0, 1}, {KIV_SIM_EDGE_FALLING, 1, 0}, {KIV_SIM_EDGE_BOTH, 0, 1}};
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 2, EINTR), 0); // it goes on
+    for (const auto &row : rows) {
+        ASSERT_EQ(kiv_sim_pin_drive(8, row.before), 0);
+        open(row.mode);
+        std::thread waiter([this] { EXPECT_EQ(kiv_gpio_irq_wait(&irq_), 0); });
+        wait_for_waiter(8);
+        EXPECT_EQ(pin_state(8).irq_mode, static_cast<int>(row.mode));
+        EXPECT_EQ(kiv_sim_pin_drive(8, row.after), 0);
+        waiter.join();
+        EXPECT_EQ(kiv_gpio_irq_close(&irq_), 0);
+    }
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 5u);
+}
+
+TEST_F(GpioIrq, MissingDeviceLeavesTheHandleAlone) {
+    irq_ = {-7, 123};
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, ENOENT), 0);
+    EXPECT_EQ(kiv_gpio_irq_open(&irq_, 8, KIV_SIM_EDGE_RISING), ENOENT);
+    EXPECT_EQ(irq_.fd, -7);
+    EXPECT_EQ(irq_.pin, 123);
+    EXPECT_EQ(reports(), refused("kiv_gpio_dev_open", open_text, ENOENT));
+}
+
+// The descriptor stays with the handle.
+TEST_F(GpioIrq, RefusedInterruptIsReleasedByItsCloser) {
+    open();
+    const struct {
+        int pin;
+        unsigned mode;
+        int status;
+    } rows[] = {{9, 0, EINVAL}, {64, 1, EINVAL}, {8, 1, EBUSY}};
+    for (const auto &row : rows) {
+        kiv_gpio_irq_device other = {-1, -1};
+        EXPECT_EQ(kiv_gpio_irq_open(&other, row.pin, row.mode), row.status);
+        EXPECT_EQ(reports(),
+                  refused("kiv_gpio_irq_open", requested("device->fd", "1U", 3, "irq", "data"), row.status));
+        EXPECT_EQ(other.pin, row.pin);
+        EXPECT_EQ(open_descriptors().count(other.fd), 1u);
+        EXPECT_EQ(kiv_gpio_irq_close(&other), 0);
+    }
+    EXPECT_EQ(kiv_gpio_irq_close(&irq_), 0);
+}
+
+TEST_F(GpioIrq, SignalEndsTheWait) {
+    open();
+    std::thread([this] {
+        Interrupter interrupter(::pthread_self());
+        EXPECT_EQ(kiv_gpio_irq_wait(&irq_), EINTR);
+        interrupter.stop();
+    }).join();
+    EXPECT_EQ(reports(),
+              refused("kiv_gpio_irq_wait", requested("device->fd", "1U", 5, "irq", "data"), EINTR));
+    EXPECT_EQ(kiv_sim_pin_drive(8, 1), 0);
+    EXPECT_EQ(kiv_gpio_irq_wait(&irq_), 0);
+    EXPECT_EQ(kiv_gpio_irq_close(&irq_), 0);
+}
+
+// The device's own number says nothing; -1 without an errno neither.
+TEST_F(GpioIrq, AnyOtherResultIsASuccess) {
+    for (const long result : {5L, -2L, -1L}) {
+        ASSERT_EQ(kiv_sim_answer(KIV_SIM_IOCTL, 1, 2, result), 0);
+        errno = result == -1 ? 0 : EDOM;
+        open();
+        EXPECT_EQ(kiv_gpio_irq_wait(&irq_), 0) << result;
+        EXPECT_EQ(kiv_gpio_irq_close(&irq_), 0);
+    }
+}
+
+// Nothing that goes wrong is told, and close is called once.
+TEST_F(GpioIrq, ClosingAlwaysSucceeds) {
+    const std::function<void()> troubles[] = {
+        [] { EXPECT_EQ(kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, EIO), 0); },
+        [] { EXPECT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EINTR), 0); },
+        [this] { ::close(irq_.fd); },
+    };
+    for (const auto &trouble : troubles) {
+        open();
+        trouble();
+        const unsigned before = kiv_sim_calls(KIV_SIM_CLOSE);
+        EXPECT_EQ(kiv_gpio_irq_close(&irq_), 0);
+        EXPECT_EQ(kiv_sim_calls(KIV_SIM_CLOSE), before + 1);
+    }
+    EXPECT_EQ(kiv_sim_faults_fired(), 2u) << "the interrupt was not closed";
 }
 
 } // namespace
