@@ -215,63 +215,56 @@ TEST_F(SysfsGpio, WithoutDirectionTheLevelIsDriven) {
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_WRITE), before);
 }
 
-// Every system call of every operation fails once.
+// Every system call of every operation is interrupted, which is not noticed, and fails.
 TEST_F(SysfsGpio, EachFailureIsTraced) {
-    const struct {
-        Operation operation;
-        kiv_sim_call call;
-        int result; // with EIO
-        const char *function;
-        std::string text;
-    } rows[] = {
-        {set, KIV_SIM_OPEN, EIO, "kiv_gpio_sysfs_write", repeated("rc = ", "open(strbuf,01)")},
-        {set, KIV_SIM_WRITE, EIO, "kiv_gpio_sysfs_write", repeated("rc = ", "write(fd,\"1\",2)")},
-        {set, KIV_SIM_CLOSE, 0, "kiv_gpio_sysfs_write", close_text},
-        {read, KIV_SIM_OPEN, -1, "kiv_gpio_sysfs_read", repeated("rc = ", "open(strbuf,00)")},
-        {read, KIV_SIM_READ, -1, "kiv_gpio_sysfs_read", repeated("rc = ", "read(fd,&buf,1)")},
-        {read, KIV_SIM_CLOSE, 1, "kiv_gpio_sysfs_read", close_text},
-        {high, KIV_SIM_WRITE, EIO, "kiv_gpio_sysfs_config", repeated("rc = ", "write(fd,\"high\",5)")},
-        {high, KIV_SIM_CLOSE, 0, "kiv_gpio_sysfs_config", close_text},
+    const std::string opening = logged(2, "can't open '/sys/class/gpio/gpio4/direction':Input/output error");
+    const auto failed = [](const char *function, const std::string &call) {
+        return trace(module, function, repeated("rc = ", call), EIO);
     };
-    ASSERT_EQ(high(), 0);
-    for (const auto &row : rows) {
-        ASSERT_EQ(kiv_sim_fail(row.call, 1, 1, EIO), 0);
-        EXPECT_EQ(row.operation(), row.result) << row.text;
-        EXPECT_EQ(reports(), Reports({trace(module, row.function, row.text, EIO)}));
-    }
-}
-
-// The message has no line end, and is no trace: it has a level of its own.
-TEST_F(SysfsGpio, DirectionThatDoesNotOpen) {
-    for (const int level : {1, 2}) {
-        kiv_log_dyn_level_POS = level;
-        ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, EACCES), 0);
-        EXPECT_EQ(high(), EACCES);
-        EXPECT_EQ(reports(),
-                  times(level >= 2 ? 1 : 0,
-                        logged(2, "can't open '/sys/class/gpio/gpio4/direction':Permission denied")));
-    }
-}
-
-TEST_F(SysfsGpio, SignalsAreNotNoticed) {
     const struct {
         Operation operation;
         kiv_sim_call call;
-        int result;
-    } rows[] = {{high, KIV_SIM_OPEN, 0}, {high, KIV_SIM_WRITE, 0}, {set, KIV_SIM_OPEN, 0},
-                {set, KIV_SIM_WRITE, 0}, {read, KIV_SIM_OPEN, 1},  {read, KIV_SIM_READ, 1}};
+        int result, result_of_failure;
+        std::string report;
+    } rows[] = {
+        {high, KIV_SIM_OPEN, 0, EIO, opening},
+        {high, KIV_SIM_WRITE, 0, EIO, failed("kiv_gpio_sysfs_config", "write(fd,\"high\",5)")},
+        {set, KIV_SIM_OPEN, 0, EIO, failed("kiv_gpio_sysfs_write", "open(strbuf,01)")},
+        {set, KIV_SIM_WRITE, 0, EIO, failed("kiv_gpio_sysfs_write", "write(fd,\"1\",2)")},
+        {read, KIV_SIM_OPEN, 1, -1, failed("kiv_gpio_sysfs_read", "open(strbuf,00)")},
+        {read, KIV_SIM_READ, 1, -1, failed("kiv_gpio_sysfs_read", "read(fd,&buf,1)")},
+    };
     for (const auto &row : rows) {
+        SCOPED_TRACE(row.report);
         ASSERT_EQ(kiv_sim_fail(row.call, 1, 3, EINTR), 0);
         EXPECT_EQ(row.operation(), row.result);
+        EXPECT_EQ(reports(), Reports());
+        ASSERT_EQ(kiv_sim_fail(row.call, 1, 1, EIO), 0);
+        EXPECT_EQ(row.operation(), row.result_of_failure);
+        EXPECT_EQ(reports(), Reports{row.report});
     }
-    EXPECT_EQ(kiv_sim_faults_fired(), 18u);
+    // This message has no line end, and is no trace: it has a level of its own.
+    kiv_log_dyn_level_POS = 1;
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, EIO), 0);
+    EXPECT_EQ(high(), EIO);
 }
 
-// The kernel has closed the descriptor even so, which the second attempt then finds out.
-TEST_F(SysfsGpio, InterruptedCloseIsRepeated) {
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EINTR), 0);
-    EXPECT_EQ(high(), 0);
-    EXPECT_EQ(reports(), Reports({trace(module, "kiv_gpio_sysfs_config", close_text, EBADF)}));
+// The kernel has closed the descriptor of an interrupted close even so, which the second attempt finds out.
+TEST_F(SysfsGpio, AFailedCloseIsTracedAndAnInterruptedOneRepeated) {
+    const struct {
+        Operation operation;
+        int result;
+        const char *function;
+    } rows[] = {{high, 0, "kiv_gpio_sysfs_config"},
+                {set, 0, "kiv_gpio_sysfs_write"},
+                {read, 1, "kiv_gpio_sysfs_read"}};
+    for (const auto &row : rows)
+        for (const int error : {EIO, EINTR}) {
+            ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, error), 0);
+            EXPECT_EQ(row.operation(), row.result);
+            EXPECT_EQ(reports(),
+                      Reports{trace(module, row.function, close_text, error == EINTR ? EBADF : error)});
+        }
 }
 
 // A transfer that the kernel cuts short sets no errno: the result is the errno of before.

@@ -1,7 +1,6 @@
 // Product identification, on every kind of /proc/cpuinfo.
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -19,12 +18,11 @@ class Product : public LoggedBoardTest {
         ASSERT_EQ(kiv_sim_cpuinfo_set(text.data(), text.size()), 0);
     }
     // The name, or the number of the failure; a failure leaves the buffer alone, and success fills it.
-    static std::string name(std::uint32_t room = 64) {
+    static std::string name(std::uint32_t room = 800) {
         std::string buffer(room + 1, '#');
         const int32_t status = get_product_name(buffer.data(), room);
-        const std::size_t length = std::strlen(buffer.c_str());
-        const std::string rest = buffer.substr(status == 0 ? length : 0);
-        EXPECT_EQ(rest, status == 0 ? std::string(room - length, '\0') + '#' : std::string(room + 1, '#'));
+        const std::size_t length = status == 0 ? std::strlen(buffer.c_str()) : 0;
+        EXPECT_EQ(buffer.substr(length), std::string(room - length, status == 0 ? '\0' : '#') + '#');
         return status == 0 ? buffer.substr(0, length) : std::to_string(status);
     }
 };
@@ -33,16 +31,12 @@ TEST_F(Product, TakesTheFirstWordOfTheHardwareLine) {
     const struct {
         std::string text, name;
     } rows[] = {
-        {"processor\t: 0\nHardware\t: Example Board Rev B\nRevision\t: 000e\n", "Example"},
-        {"Hardware\t: ", ""},
+        {"processor\t: 0\nHardware\t: Example Board Rev B\nHardware\t: C\n", "Example"},
         {"Hardware\t:  Blank first\n", ""},
-        {"Hardware\t: A\vB\nHardware\t: C\n", "A"},
-        {"Hardware\t: A\xa0\xff\x80Z\n", "A\xa0\xff\x80Z"},
+        {"Hardware\t: A\xa0\xff\vZ\n", "A\xa0\xff"},
         {"Hardware\t: AB\0CD\n"s, "AB"},
-        {"x\0\nHardware\t: After\n"s, "After"},
         {"x\0Hardware\t: Hidden\n"s, "-2"},
-        {"Hardware : A\nHardware\t:B\nHardware\t:\tC\nhardware\t: D\n Hardware\t: E\n", "-2"},
-        {"", "-2"},
+        {"Hardware : A\nHardware\t:B\nhardware\t: D\n Hardware\t: E\n", "-2"},
         // A piece of a long line counts as a line.
         {std::string(511, 'x') + "Hardware\t: Piece\n", "Piece"},
         {std::string(510, 'x') + "Hardware\t: Piece\n", "-2"},
@@ -51,21 +45,18 @@ TEST_F(Product, TakesTheFirstWordOfTheHardwareLine) {
     for (const auto &row : rows) {
         SCOPED_TRACE(row.text);
         set_text(row.text);
-        EXPECT_EQ(name(800), row.name);
+        EXPECT_EQ(name(), row.name);
     }
 }
 
 TEST_F(Product, CutsTheNameToItsRoom) {
     set_text("Hardware\t: ABCDEFG HI\n");
     EXPECT_EQ(name(1), "");
-    EXPECT_EQ(name(4), "ABC");
     EXPECT_EQ(name(7), "ABCDEF");
     EXPECT_EQ(name(8), "ABCDEFG");
-    char byte = '#';
+    EXPECT_EQ(name(0), "-22");
     EXPECT_EQ(get_product_name(nullptr, 8), -EINVAL);
-    EXPECT_EQ(get_product_name(&byte, 0), -EINVAL);
-    EXPECT_EQ(byte, '#');
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_FOPEN), 4U) << "the file is not opened in vain";
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_FOPEN), 3U) << "the file is not opened in vain";
 }
 
 TEST_F(Product, ReadsTheNumberOfTheRevisionLine) {
@@ -74,22 +65,15 @@ TEST_F(Product, ReadsTheNumberOfTheRevisionLine) {
         std::uint32_t revision;
     } rows[] = {
         {"Hardware\t: X\nRevision\t: 000e\nRevision\t: 1\n", 14},
-        {"Revision\t: 0x10", 16},
-        {"Revision: \t\v BeEf!\n", 0xbeef},
+        {"Revision: \t\v 0xBeEf!\n", 0xbeef},
         {"Revision\t: zz\nRevision\t: 5\n", 0},
-        {"Revision 12\nRevision\t: 7\n", 7},
-        {"Revisions: a: b\n", 10},
+        {"Revision 12\nRevisions: a: b\n", 10},
         {"XRevision: 3\nrevision: 4\n", 0},
-        {"Revision\t:5\n", 0}, // the number is looked for two characters after the colon
-        {"Revision\t:56\n", 6},
-        {"Revision:", 0},
-        {"Revision:\nRevision: 4\n", 0},
+        {"Revision\t:56\n", 6}, // the number is looked for two characters after the colon
         {"Revision:\0005\n"s, 0},
         {"Revision\0: 6\nRevision: 7\n"s, 7},
-        {"Revision: 100000000\n", 0xffffffff},
         {"Revision: 123456789abcdef0123456789\n", 0xffffffff},
         {"Revision: -2\n", 0xfffffffe},
-        {"", 0},
         {std::string(127, 'x') + "Revision: 8\n", 8},
         {std::string(126, 'x') + "Revision: 8\n", 0},
         // The colon is the last character of a piece; the next one is a line of its own.
@@ -104,20 +88,14 @@ TEST_F(Product, ReadsTheNumberOfTheRevisionLine) {
 
 TEST_F(Product, SaysWhyTheFileDoesNotOpenAndOnceOnly) {
     set_text("Hardware\t: A\nRevision\t: 1\n");
-    for (const int error : {ENOENT, EACCES, EMFILE, EINTR}) {
-        kiv_sim_fail(KIV_SIM_FOPEN, 1, 2, error);
-        EXPECT_EQ(name(), std::to_string(-error));
-        EXPECT_EQ(get_product_revision(), 0U);
-    }
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_FOPEN), 8U);
+    kiv_sim_fail(KIV_SIM_FOPEN, 1, 2, EINTR);
+    EXPECT_EQ(name(), std::to_string(-EINTR));
+    EXPECT_EQ(get_product_revision(), 0U);
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_FOPEN), 2U);
     EXPECT_EQ(name(), "A") << "read afresh";
     ASSERT_EQ(kiv_sim_cpuinfo_redirect("/"), 0); // opens, and cannot be read
     EXPECT_EQ(name(), "-2");
     EXPECT_EQ(get_product_revision(), 0U);
-    ASSERT_EQ(kiv_sim_cpuinfo_redirect(nullptr), 0);
-    ::setenv("KIV_SIM_CPUINFO", "/nowhere", 1);
-    EXPECT_EQ(name(), "-2") << "the file is what is missing";
-    ::unsetenv("KIV_SIM_CPUINFO");
 }
 
 } // namespace
