@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 #include "fixtures/log_capture.h"
 #include "fixtures/pins.h"
@@ -137,22 +138,18 @@ TEST_F(Gpio, RefusedRequestsAreReportedAndNotRepeated) {
         {clear, "kiv_gpio_dev_write", "ret == 0", requested("gpio_fd", "1U", 2, "data", "data")},
     };
     ASSERT_EQ(kiv_gpio_open(), 0);
-    for (const auto &row : rows)
-        for (const int level : {0, 1}) {
-            kiv_log_dyn_level_POS = level;
-            const Reports warning = {warned(module, row.function, row.warning)};
-            const bool reads = row.operation == read;
-            ASSERT_EQ(kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, EINTR), 0);
-            EXPECT_EQ(row.operation(), reads ? -1 : EINTR);
-            Reports expected = times(level >= 1 ? 1 : 0, trace(module, row.function, row.text, EINTR));
-            expected.insert(expected.end(), warning.begin(), warning.end());
-            EXPECT_EQ(reports(), expected);
-            ASSERT_EQ(kiv_sim_answer(KIV_SIM_IOCTL, 1, 1, -1), 0);
-            errno = 0;
-            EXPECT_EQ(row.operation(), reads ? -1 : 0);
-            EXPECT_EQ(reports(), reads ? warning : Reports());
-        }
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_IOCTL), 12u);
+    for (const auto &row : rows) {
+        const bool reads = row.operation == read;
+        const std::string warning = warned(module, row.function, row.warning);
+        ASSERT_EQ(kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, EINTR), 0);
+        EXPECT_EQ(row.operation(), reads ? -1 : EINTR);
+        EXPECT_EQ(reports(), Reports({trace(module, row.function, row.text, EINTR), warning}));
+        ASSERT_EQ(kiv_sim_answer(KIV_SIM_IOCTL, 1, 1, -1), 0);
+        errno = 0;
+        EXPECT_EQ(row.operation(), reads ? -1 : 0);
+        EXPECT_EQ(reports(), times(reads ? 1 : 0, warning));
+    }
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_IOCTL), 6u);
 }
 
 // Sysfs --------------------------------------------------------------------------------------------------
@@ -188,15 +185,12 @@ TEST_F(SysfsGpio, AnOperationIsOneOpeningOneTransferOneClosingAndNoMemory) {
 }
 
 TEST_F(SysfsGpio, ReadsTheFirstCharacter) {
-    const struct {
-        const char *text;
-        int level;
-    } rows[] = {{"1\n", 1}, {"0", 0}, {"", -1}, {"\n", -1}, {"2\n", -1}};
-    for (const auto &row : rows) {
-        ASSERT_EQ(kiv_sim_sysfs_show("gpio4", row.text), 0);
-        EXPECT_EQ(read(), row.level) << row.text;
-        ASSERT_EQ(kiv_sim_sysfs_show("led", row.text), 0);
-        EXPECT_EQ(kiv_gpio_n_read("led"), row.level) << row.text;
+    const std::pair<const char *, int> rows[] = {{"1\n", 1}, {"0", 0}, {"", -1}, {"\n", -1}, {"2\n", -1}};
+    for (const auto &[text, level] : rows) {
+        ASSERT_EQ(kiv_sim_sysfs_show("gpio4", text), 0);
+        EXPECT_EQ(read(), level) << text;
+        ASSERT_EQ(kiv_sim_sysfs_show("led", text), 0);
+        EXPECT_EQ(kiv_gpio_n_read("led"), level) << text;
     }
 }
 

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "fixtures/log_capture.h"
 #include "kiv/platform.h"
@@ -28,9 +29,7 @@ class Product : public LoggedBoardTest {
 };
 
 TEST_F(Product, TakesTheFirstWordOfTheHardwareLine) {
-    const struct {
-        std::string text, name;
-    } rows[] = {
+    const std::pair<std::string, std::string> rows[] = {
         {"processor\t: 0\nHardware\t: Example Board Rev B\nHardware\t: C\n", "Example"},
         {"Hardware\t:  Blank first\n", ""},
         {"Hardware\t: A\xa0\xff\vZ\n", "A\xa0\xff"},
@@ -42,10 +41,10 @@ TEST_F(Product, TakesTheFirstWordOfTheHardwareLine) {
         {std::string(510, 'x') + "Hardware\t: Piece\n", "-2"},
         {"Hardware\t: " + std::string(600, 'n') + "\n", std::string(500, 'n')},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.text);
-        set_text(row.text);
-        EXPECT_EQ(name(), row.name);
+    for (const auto &[text, expected] : rows) {
+        SCOPED_TRACE(text);
+        set_text(text);
+        EXPECT_EQ(name(), expected);
     }
 }
 
@@ -60,10 +59,7 @@ TEST_F(Product, CutsTheNameToItsRoom) {
 }
 
 TEST_F(Product, ReadsTheNumberOfTheRevisionLine) {
-    const struct {
-        std::string text;
-        std::uint32_t revision;
-    } rows[] = {
+    const std::pair<std::string, std::uint32_t> rows[] = {
         {"Hardware\t: X\nRevision\t: 000e\nRevision\t: 1\n", 14},
         {"Revision: \t\v 0xBeEf!\n", 0xbeef},
         {"Revision\t: zz\nRevision\t: 5\n", 0},
@@ -79,10 +75,10 @@ TEST_F(Product, ReadsTheNumberOfTheRevisionLine) {
         // The colon is the last character of a piece; the next one is a line of its own.
         {"Revision" + std::string(118, ' ') + ": 9\nRevision: a\n", 0},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.text);
-        set_text(row.text);
-        EXPECT_EQ(get_product_revision(), row.revision);
+    for (const auto &[text, expected] : rows) {
+        SCOPED_TRACE(text);
+        set_text(text);
+        EXPECT_EQ(get_product_revision(), expected);
     }
 }
 

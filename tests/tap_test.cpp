@@ -1,6 +1,7 @@
 // TAP interfaces, on the simulated board and on the machine's own kernel.
 
 #include <cerrno>
+#include <cstdlib>
 #include <thread>
 
 #include "fixtures/netns.h"
@@ -176,6 +177,9 @@ TEST_F(Tap, IsAnInterfaceOfTheMachinesKernel) {
         EXPECT_EQ(Bytes(payload_, payload_ + length), payload_of(frame));
         ASSERT_EQ(write(length), static_cast<int>(length));
         EXPECT_EQ(kernel.receive(), frame);
+    }
+    if (std::system("ip link delete kivtap0") == 0) {
+        EXPECT_EQ(read(), -EBADFD);
     }
 }
 
