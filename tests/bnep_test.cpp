@@ -2,14 +2,21 @@
 // test's: it looks at what is asked of them, and it must not matter whether deleting a thread waits for its
 // end or ends it where it stands.
 
+#include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <csignal>
+#include <mutex>
 #include <pthread.h>
+#include <sched.h>
+#include <thread>
+#include <tuple>
 #include <unistd.h>
+#include <utility>
 
-#include "fixtures/bnep_traffic.h"
 #include "fixtures/netns.h"
 #include "fixtures/resources.h"
+#include "fixtures/tap.h"
 #include "kiv/core.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -129,6 +136,70 @@ constexpr std::uint8_t group[] = {0x66, 0x55, 0x44, 0x33, 0x22, 0x13};
 constexpr std::uint8_t everybody[] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
 const Bytes written_bytes = {0x12, 0x22, 0x33, 0x44, 0x55, 0x66};
 
+// The arguments of one call of a sender callback; the payload's bytes, and whether there were any.
+using Step = std::tuple<void *, std::uint16_t, bool, Bytes, std::int32_t>;
+using Steps = std::vector<Step>;
+
+Steps steps_of(std::uint16_t protocol, const Bytes &payload) {
+    return {{nullptr, protocol, false, {}, KIV_BNEP_FRAME_START},
+            {nullptr, 0, true, payload, KIV_BNEP_FRAME_DATA},
+            {nullptr, 0, false, {}, KIV_BNEP_FRAME_END}};
+}
+
+// A callback has no context of its own, so there is one record a program.
+std::mutex record_lock;
+std::condition_variable recorded;
+Steps record;
+
+void record_step(void *context, std::uint16_t protocol, const std::uint8_t *payload, std::uint16_t length,
+                 std::int32_t step) {
+    const std::lock_guard<std::mutex> hold(record_lock);
+    const Bytes bytes(payload, payload + length);
+    record.emplace_back(context, protocol, payload != nullptr, bytes, step);
+    recorded.notify_all();
+}
+
+// Waits for that many calls and takes all there are.
+Steps take_steps(std::size_t count) {
+    std::unique_lock<std::mutex> hold(record_lock);
+    recorded.wait(hold, [&] { return record.size() >= count; });
+    return std::exchange(record, {});
+}
+
+std::atomic<unsigned> delivered;
+
+void count_step(void *, std::uint16_t, const std::uint8_t *, std::uint16_t, std::int32_t step) {
+    delivered += step == KIV_BNEP_FRAME_END ? 1 : 0;
+}
+
+// Waits for a state of the sender's interface.
+void wait_for_tap(int (*done)(const kiv_sim_tap_state *state, void *)) {
+    kiv_sim_tap_wait("bnep", done, nullptr);
+}
+
+// While it lives, the simulated kernel sends frames out of "bnep", whenever there is such an interface that
+// is up: the sender's thread does not sleep.
+class Traffic {
+    std::atomic<bool> stopped_{false};
+    std::thread thread_{[this] {
+        const Bytes frame = frame_of(60, experimental);
+        while (!stopped_) {
+            kiv_sim_tap_set_up("bnep", 1);
+            kiv_sim_tap_send("bnep", frame.data(), frame.size());
+            ::sched_yield();
+        }
+    }};
+
+  public:
+    Traffic() = default;
+    Traffic(const Traffic &) = delete;
+    Traffic &operator=(const Traffic &) = delete;
+    ~Traffic() {
+        stopped_ = true;
+        thread_.join();
+    }
+};
+
 int stop() {
     const Traffic traffic;
     return kiv_bnep_set_sender(nullptr, nullptr);
@@ -157,7 +228,7 @@ class Bnep : public TapBoardTest {
     void TearDown() override {
         kiv_sim_clear_faults();
         stop();
-        recorder.take(0);
+        take_steps(0);
         TapBoardTest::TearDown();
     }
     // With the address the thread is past its set-up, or about to allocate its buffer.
@@ -172,7 +243,7 @@ class Bnep : public TapBoardTest {
     static void expect_delivery(std::size_t length = 98) {
         const Bytes frame = frame_of(length, experimental);
         send_from_kernel("bnep", frame);
-        EXPECT_EQ(recorder.take(3), steps_of(experimental, payload_of(frame)));
+        EXPECT_EQ(take_steps(3), steps_of(experimental, payload_of(frame)));
     }
 };
 
@@ -186,7 +257,7 @@ TEST_F(Bnep, HandsOutEachFrameInThreeSteps) {
     Bytes frame = frame_of(1700, 0xfffe);
     send_from_kernel("bnep", frame);
     frame.resize(1600);
-    EXPECT_EQ(recorder.take(3), steps_of(0xfffe, payload_of(frame))) << "cut to the buffer's size";
+    EXPECT_EQ(take_steps(3), steps_of(0xfffe, payload_of(frame))) << "cut to the buffer's size";
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_READ), 5u);
 }
 
@@ -221,7 +292,7 @@ TEST_P(BnepChange, ReturnsWhenTheOldCallbackIsThroughForGood) {
         ::sched_yield();
     changer.join();
     if (GetParam() != nullptr) {
-        Steps steps = recorder.take(3);
+        Steps steps = take_steps(3);
         steps.resize(3);
         EXPECT_EQ(steps, steps_of(experimental, payload_of(frame_of(60, experimental))));
         EXPECT_EQ(address_in(tap_state("bnep")), written_bytes);
@@ -265,14 +336,14 @@ TEST_F(Bnep, TriesBothDevicesAndReportsByLevel) {
             }
             EXPECT_EQ(stop(), -1);
             EXPECT_EQ(reports(), at_level(level, row.all));
-            recorder.take(0);
+            take_steps(0);
         }
 }
 
 TEST_F(Bnep, AsksForAThreadAsKivCoreExpectsAndAnswersForIt) {
     const Traffic traffic;
     core.resume_result = 17;
-    EXPECT_EQ(kiv_bnep_set_sender_priority(ignore_step, device, -3), 17);
+    EXPECT_EQ(kiv_bnep_set_sender_priority(count_step, device, -3), 17);
     EXPECT_EQ(core.priority, -3);
     EXPECT_EQ(core.argument, device);
     EXPECT_EQ(core.options, 0);
@@ -286,10 +357,10 @@ TEST_F(Bnep, AsksForAThreadAsKivCoreExpectsAndAnswersForIt) {
     EXPECT_EQ(core.mutexes_initialised, 1u);
     EXPECT_EQ(core.mutexes_destroyed, 1u);
 
-    EXPECT_EQ(kiv_bnep_set_sender(ignore_step, device), 17);
+    EXPECT_EQ(kiv_bnep_set_sender(count_step, device), 17);
     EXPECT_EQ(core.priority, KIV_BNEP_DEFAULT_PRIORITY);
     EXPECT_EQ(kiv_bnep_set_sender(nullptr, device), -1);
-    recorder.take(0);
+    take_steps(0);
     reports();
 }
 
@@ -311,15 +382,9 @@ TEST_F(Bnep, EndsAtTheFirstReadWithoutABuffer) {
         wait_for_tap([](const kiv_sim_tap_state *state, void *) { return 1 - state->exists; });
         EXPECT_EQ(kiv_bnep_set_sender(nullptr, nullptr), -1);
     }
-    EXPECT_EQ(recorder.take(0), Steps());
+    EXPECT_EQ(take_steps(0), Steps());
     EXPECT_EQ(reports(),
               joined({on_net_tun, {asserted("linux/bnep", "bnep_sender", "drv.buffer != ((void *)0)")}}));
-}
-
-std::atomic<unsigned> delivered;
-
-void count_step(void *, std::uint16_t, const std::uint8_t *, std::uint16_t, std::int32_t step) {
-    delivered += step == KIV_BNEP_FRAME_END ? 1 : 0;
 }
 
 // Starts and stops, every other time wherever the thread stands: in its set-up, waiting, reading, delivering.
@@ -390,7 +455,7 @@ TEST_F(Bnep, StaysEndedUntilItIsStopped) {
     kiv_log_dyn_level_POS = 1;
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
-        start(ignore_step);
+        start(count_step);
         const unsigned opened = kiv_sim_calls(KIV_SIM_OPEN), closed = kiv_sim_calls(KIV_SIM_CLOSE);
         if (row.error != 0) {
             kiv_sim_fail(row.call, 1, 1, row.error);
@@ -403,12 +468,12 @@ TEST_F(Bnep, StaysEndedUntilItIsStopped) {
         EXPECT_EQ(kiv_bnep_set_sender(record_step, device), 0) << "stored, and never called";
         EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), opened);
         EXPECT_EQ(kiv_bnep_set_sender(nullptr, nullptr), -1);
-        EXPECT_EQ(recorder.take(0), Steps());
+        EXPECT_EQ(take_steps(0), Steps());
         EXPECT_EQ(reports(), row.reported);
         start();
         expect_delivery();
         EXPECT_EQ(stop(), -1);
-        recorder.take(0);
+        take_steps(0);
     }
 }
 
