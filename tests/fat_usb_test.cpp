@@ -2,15 +2,15 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
 #include <linux/msdos_fs.h>
 #include <string>
-#include <sys/ioctl.h>
 #include <termios.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
 
-#include "fixtures/log_capture.h"
+#include "fixtures/serial.h"
 #include "kiv/platform.h"
 
 extern "C" int usb_link_main(int argc, char **argv); // examples/usb_link.c
@@ -62,27 +62,9 @@ TEST_F(FatAttributes, AreNoneWhereThereAreNoneAndTheErrorOfOpening) {
 
 // USB links -------------------------------------------------------------------------------------------------
 
-constexpr char line_path[] = "/dev/ttyKIV1";
-constexpr char uart[] = "posix/linux_uart";
-constexpr unsigned line = 1;
-
-class UsbLink : public LoggedBoardTest {
+class UsbLink : public SerialTest {
   protected:
-    UART_infos port_ = {};
-
-    void open_link() { ASSERT_EQ(kiv_usb_open(&port_, line_path), 0); }
-    static void feed(const std::string &bytes) {
-        ASSERT_EQ(kiv_sim_line_send(line, bytes.data(), bytes.size()), bytes.size());
-    }
-    static std::string sent() {
-        char bytes[16];
-        return {bytes, kiv_sim_line_receive(line, bytes, sizeof bytes)};
-    }
-    static kiv_sim_line_state state() {
-        kiv_sim_line_state seen;
-        EXPECT_EQ(kiv_sim_line_inspect(line, &seen), 0);
-        return seen;
-    }
+    void open_link() { ASSERT_EQ(kiv_usb_open(&port_, path), 0); }
     std::string read(unsigned length) {
         std::string buffer(length, '\0');
         const unsigned count = kiv_usb_read(&port_, buffer.data(), length);
@@ -101,7 +83,7 @@ TEST_F(UsbLink, IsASerialPortWithItsOwnSetUp) {
     EXPECT_EQ(kiv_usb_close(&port_), 0);
     EXPECT_EQ(state().modem & (KIV_SIM_DTR | KIV_SIM_RTS), 0U);
     EXPECT_EQ(state().near_ends, 1U) << "stopping is not closing";
-    EXPECT_EQ(sup_uart_close(&port_), 0);
+    close();
 }
 
 TEST_F(UsbLink, StopEndsABlockedReadWithWhatHasCome) {
@@ -112,7 +94,7 @@ TEST_F(UsbLink, StopEndsABlockedReadWithWhatHasCome) {
     EXPECT_EQ(kiv_usb_close(&port_), 0);
     reader.join();
     EXPECT_EQ(reports(), Reports{warned(uart, "sup_uart_Read")});
-    EXPECT_EQ(sup_uart_close(&port_), 0);
+    close();
 }
 
 TEST_F(UsbLink, PassesOnTheStatusOfOpeningAndStoppingAndNoOther) {
@@ -125,10 +107,9 @@ TEST_F(UsbLink, PassesOnTheStatusOfOpeningAndStoppingAndNoOther) {
               (Reports{trace(uart, "sup_uart_Send",
                              "ret = pos_write(UART_infos, buffer + (length - remaining), remaining)", EIO),
                        warned(uart, "sup_uart_Send")}));
-    constexpr unsigned long set_settings = 0x402C542B; // TCSETS2
     kiv_sim_fail_ioctl(set_settings, 1, 1, EIO);
     EXPECT_EQ(kiv_usb_close(&port_), EIO);
-    EXPECT_EQ(sup_uart_close(&port_), 0);
+    close();
     char byte = 0;
     EXPECT_EQ(kiv_usb_write(nullptr, &byte, 1), 1U);
     EXPECT_EQ(kiv_usb_read(nullptr, &byte, 1), 1U);
@@ -137,12 +118,12 @@ TEST_F(UsbLink, PassesOnTheStatusOfOpeningAndStoppingAndNoOther) {
 }
 
 TEST_F(UsbLink, TheExampleExchangesALine) {
-    std::string words[] = {"usb_link", line_path, "hello"};
+    std::string words[] = {"usb_link", path, "hello"};
     char *arguments[] = {words[0].data(), words[1].data(), words[2].data(), nullptr};
     ::testing::internal::CaptureStdout();
     std::thread user([&] { EXPECT_EQ(usb_link_main(3, arguments), 0); });
     kiv_sim_line_wait(
-        line, [](const kiv_sim_line_state *now, void *) { return now->sent == 6 ? 1 : 0; }, nullptr);
+        0, [](const kiv_sim_line_state *now, void *) { return now->sent == 6 ? 1 : 0; }, nullptr);
     feed("world\nnot read");
     user.join();
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "world\n");
