@@ -15,6 +15,7 @@
 #include <sys/ioctl.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "fixtures/board.h"
@@ -88,20 +89,17 @@ TEST_F(SimI2c, HasTheKernelsLimits) {
     EXPECT_EQ(combined(nullptr, 1), EINVAL);
     EXPECT_EQ(combined(messages, 42), 0);
     EXPECT_EQ(combined(messages, 43), EINVAL);
-    const struct {
-        i2c_msg second;
-        int error;
-    } rows[] = {
+    const std::pair<i2c_msg, int> rows[] = {
         {{.addr = 0x50, .flags = I2C_M_RD, .len = 8192, .buf = room.data()}, 0},
         {{.addr = 0x50, .flags = I2C_M_RD, .len = 8193, .buf = room.data()}, EINVAL},
         {{.addr = 0x50, .flags = I2C_M_TEN, .len = 1, .buf = room.data()}, EOPNOTSUPP},
         {{.addr = 0x50, .flags = 0, .len = 1, .buf = nullptr}, EFAULT},
         {{.addr = 0x51, .flags = I2C_M_RD, .len = 1, .buf = room.data() + 1}, EREMOTEIO},
     };
-    for (const auto &row : rows) {
+    for (const auto &[second, error] : rows) {
         room[0] = 0x77;
-        messages[1] = row.second;
-        EXPECT_EQ(combined(messages, 2), row.error);
+        messages[1] = second;
+        EXPECT_EQ(combined(messages, 2), error);
     }
     EXPECT_EQ(room[0], 0x77) << "a transfer that failed gives nothing back";
 }
