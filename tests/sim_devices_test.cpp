@@ -6,12 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
 #include <net/if_arp.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <thread>
 #include <unistd.h>
@@ -124,10 +124,6 @@ int ask(int fd, unsigned long request, std::int32_t pin, std::int32_t argument =
 class SimGpio : public SimDevice {
   protected:
     SimGpio() : SimDevice("/dev/gpio") {}
-    short polled() const {
-        pollfd entry = {fd_, POLLIN | POLLOUT, 0};
-        return ::poll(&entry, 1, 0) >= 0 ? entry.revents : short{-1};
-    }
 };
 
 TEST_F(SimGpio, RefusesAsADriverDoes) {
@@ -154,28 +150,14 @@ TEST_F(SimGpio, RefusesAsADriverDoes) {
     fd_ = second;
 }
 
-TEST_F(SimGpio, AnEdgeIsKeptUntilItIsFetched) {
-    ::fcntl(fd_, F_SETFL, O_NONBLOCK);
-    ASSERT_EQ(ask(fd_, open_irq, 8, KIV_SIM_EDGE_RISING), 0);
-    EXPECT_EQ(polled(), 0);
-    for (const int drive : {1, 1, 0}) // the second one is no edge
-        ASSERT_EQ(kiv_sim_pin_drive(8, drive), 0);
-    EXPECT_EQ(polled(), POLLIN);
-    EXPECT_EQ(ask(fd_, wait_irq, 8), 0);
-    EXPECT_EQ(ask(fd_, wait_irq, 8), EAGAIN);
-    ASSERT_EQ(kiv_sim_pin_drive(8, 1), 0);
-    ASSERT_EQ(ask(fd_, close_irq, 8), 0); // forgets what was not fetched
-    EXPECT_EQ(polled(), 0);
-}
-
 // What ends a wait, beside an edge and a signal: the closing of the interrupt, the end of the board.
 TEST_F(SimGpio, EndsOfAWait) {
-    for (void (*const end)(int fd) :
-         {+[](int fd) { ask(fd, close_irq, 8); }, +[](int) { kiv_sim_reset(); }}) {
+    const std::function<void()> endings[] = {[this] { ask(fd_, close_irq, 8); }, kiv_sim_reset};
+    for (const auto &end : endings) {
         ASSERT_EQ(ask(fd_, open_irq, 8, KIV_SIM_EDGE_RISING), 0);
         std::thread waiter([this] { EXPECT_EQ(ask(fd_, wait_irq, 8), ENODEV); });
         wait_for_waiter(8);
-        end(fd_);
+        end();
         waiter.join();
     }
     EXPECT_EQ(ask(fd_, open_irq, 8, KIV_SIM_EDGE_RISING), ENODEV);
