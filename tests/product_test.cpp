@@ -68,6 +68,7 @@ TEST_F(Product, ReadsTheNumberOfTheRevisionLine) {
         {"Revision\t:56\n", 6}, // the number is looked for two characters after the colon
         {"Revision:\0005\n"s, 0},
         {"Revision\0: 6\nRevision: 7\n"s, 7},
+        {"Revision: 100000000\n", 0xffffffff},
         {"Revision: 123456789abcdef0123456789\n", 0xffffffff},
         {"Revision: -2\n", 0xfffffffe},
         {std::string(127, 'x') + "Revision: 8\n", 8},

@@ -72,6 +72,18 @@ TEST_F(Tap, OpensTheFirstDeviceThatThereIsAndReportsByLevel) {
         }
 }
 
+TEST_F(Tap, RepeatsNothingOfAnInterruptedOpening) {
+    std::int32_t fd = untouched;
+    kiv_sim_fail(KIV_SIM_OPEN, 1, 2, EINTR);
+    EXPECT_EQ(kiv_eth_open(&fd, "kiv0", station), -19);
+    for (const unsigned request : {1u, 2u}) {
+        kiv_sim_fail(KIV_SIM_IOCTL, request, 1, EINTR);
+        EXPECT_EQ(kiv_eth_open(&fd, "kiv0", station), -19);
+    }
+    EXPECT_EQ(reports(), joined({on_net_tun, refused_name, on_net_tun,
+                                 refused_address("MAC address = ", "02 11 22 33 44 AF ")}));
+}
+
 TEST_F(Tap, CutsLongNamesAndRefusesTakenOnes) {
     std::int32_t first = untouched;
     EXPECT_EQ(kiv_eth_open(&first, "abcdefghijklmnopq", station), 0);
