@@ -56,6 +56,11 @@ class Side {
         run([&] { status = std::system(command.c_str()); });
         return status;
     }
+    // Waits until the command succeeds, but not for ever: the test may have been ended meanwhile.
+    bool becomes_true(const std::string &command) const {
+        return shell("for try in $(seq 2000); do " + command +
+                     " >/dev/null 2>&1 && exit; sleep 0.01; done; exit 1") == 0;
+    }
     void start(const std::string &arguments) {
         const std::string command = "echo $$; exec " KIV_BNEP_BRIDGE " " + arguments + " >" + log_;
         run([&] { bridge_ = ::popen(command.c_str(), "re"); });
@@ -88,13 +93,12 @@ TEST(BnepBridge, CarriesPingsOfEverySizeThatTheBufferHolds) {
         Side left(path + "/left"), right(path + "/right");
         right.start("listen " + path + "/radio 02:00:00:00:00:02");
         const std::string listening = "00010000 .*" + path + "/radio";
-        ASSERT_EQ(right.shell("until grep -q '" + listening + "' /proc/net/unix; do sleep 0.01; done"), 0);
+        ASSERT_TRUE(right.becomes_true("grep '" + listening + "' /proc/net/unix"));
         left.start("connect " + path + "/radio 02:00:00:00:00:01");
         // What is left of 1600 bytes behind the header: 1586.
-        const std::string set_up = "until ip link show bnep; do sleep 0.01; done >/dev/null 2>&1; "
-                                   "ip link set bnep mtu 1586 up && ip address add dev bnep ";
-        ASSERT_EQ(left.shell(set_up + "10.0.0.1/24"), 0);
-        ASSERT_EQ(right.shell(set_up + "10.0.0.2/24"), 0);
+        const std::string set_up = "ip link set bnep mtu 1586 up && ip address add dev bnep ";
+        ASSERT_TRUE(left.becomes_true(set_up + "10.0.0.1/24"));
+        ASSERT_TRUE(right.becomes_true(set_up + "10.0.0.2/24"));
         for (const char *options : {"-c 3 -s 0", "-c 3 -s 1558 -M do", "-c 3 -s 1586", "-c 300 -s 1400"})
             EXPECT_EQ(left.shell(std::string("ping -q -n -i 0.002 -w 20 10.0.0.2 >/dev/null ") + options), 0)
                 << options;

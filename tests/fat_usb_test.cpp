@@ -64,7 +64,7 @@ TEST_F(FatAttributes, AreNoneWhereThereAreNoneAndTheErrorOfOpening) {
 
 class UsbLink : public SerialTest {
   protected:
-    void open_link() { ASSERT_EQ(kiv_usb_open(&port_, path), 0); }
+    void open_link() { ASSERT_EQ(kiv_usb_open(&port_, tty_path), 0); }
     std::string read(unsigned length) {
         std::string buffer(length, '\0');
         const unsigned count = kiv_usb_read(&port_, buffer.data(), length);
@@ -109,7 +109,7 @@ TEST_F(UsbLink, PassesOnTheStatusOfOpeningAndStoppingAndNoOther) {
 }
 
 TEST_F(UsbLink, TheExampleExchangesALine) {
-    std::string words[] = {"usb_link", path, "hello"};
+    std::string words[] = {"usb_link", tty_path, "hello"};
     char *arguments[] = {words[0].data(), words[1].data(), words[2].data(), nullptr};
     ::testing::internal::CaptureStdout();
     std::thread user([&] { EXPECT_EQ(usb_link_main(3, arguments), 0); });
