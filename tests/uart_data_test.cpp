@@ -380,6 +380,9 @@ TEST_F(UartData, StopReleasesABlockedReadEveryTime) {
 TEST_F(UartData, NullAndNeverOpenedRecordsAreSurvived) {
     const iovec piece = {buffer_, 1};
     unsigned int count = 0;
+    constexpr int nobodys = 1000; // the 0 of a cleared record would be the terminal of whoever runs this
+    const int refusal =
+        error_of(::ioctl(nobodys, get_settings, buffer_)); // an emulator knows no such request
     const struct {
         const char *function;
         std::function<int(UART_infos *)> call;
@@ -392,7 +395,7 @@ TEST_F(UartData, NullAndNeverOpenedRecordsAreSurvived) {
         {"sup_uart_Sendv", [&](auto *p) { return sup_uart_Sendv(p, &piece, 1, &(count = 77)); }},
         {"sup_uart_Change_Speed", [](auto *p) { return sup_uart_Change_Speed(p, 9); }},
         {"sup_uart_Flush", [](auto *p) { return sup_uart_Flush(p, 0); }, -1},
-        {"sup_uart_RTS_Enable", [](auto *p) { return sup_uart_RTS_Enable(p, 0); }},
+        {"sup_uart_RTS_Enable", [](auto *p) { return sup_uart_RTS_Enable(p, 0); }, refusal},
         {"sup_uart_Stop_UART", sup_uart_Stop_UART},
         {"sup_uart_close", sup_uart_close, -1},
     };
@@ -402,7 +405,7 @@ TEST_F(UartData, NullAndNeverOpenedRecordsAreSurvived) {
         EXPECT_EQ(count, 0U);
         EXPECT_EQ(reports(), Reports({asserted(uart, function, "(UART_infos) != ((void *)0)")}));
         port_ = {};
-        port_.fd = 1000; // nobody's; the 0 of a cleared record would be the terminal of whoever runs this
+        port_.fd = nobodys;
         EXPECT_EQ(call(&port_), status);
         count = 0;
         EXPECT_EQ(reports().at(0), std::string(function) == "sup_uart_close"
