@@ -27,9 +27,9 @@ constexpr bool small_code = false;
 // Before a function that only failures and rare turns reach.
 #define KIV_COLD [[gnu::cold, gnu::noinline]]
 
-// Before a function that stays in a frame of its own, with its arguments in the registers that they come in:
-// a caller of the same shape then hands over with a jump.
-#if defined(__GNUC__) && !defined(__clang__)
+// Before a function that stays in a frame of its own and takes its arguments as they are written: a caller of
+// the same shape then hands over with a jump, and what is passed in memory needs no registers before.
+#if defined(__GNUC__) && !defined(__clang__) && !defined(__OPTIMIZE_SIZE__)
 #    define KIV_APART [[gnu::noipa]]
 #else
 #    define KIV_APART [[gnu::noinline]]

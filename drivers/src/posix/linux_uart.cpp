@@ -305,7 +305,7 @@ struct request {
 };
 
 // Goes on with a read whose first call gave ret.
-[[gnu::noinline]] int read_partial_again(const request<void> &whole, unsigned int *length, int ret) {
+KIV_APART int read_partial_again(const request<void> &whole, unsigned int *length, int ret) {
     while (ret <= 0) {
         const int status = stream_failure(
             ret, kiv::in("sup_uart_Read_partial", KIV_SITE("ret = pos_read(UART_infos, buffer, remaining)")));
@@ -342,7 +342,7 @@ int sup_uart_Read_partial(UART_infos *port, void *buffer, unsigned int *length) 
 namespace {
 
 // Goes on with a read whose first call gave ret.
-[[gnu::noinline]] int read_rest(const request<void> &whole, unsigned int *length, int ret) {
+KIV_APART int read_rest(const request<void> &whole, unsigned int *length, int ret) {
     UART_infos *port = whole.port;
     auto *at = static_cast<char *>(whole.buffer);
     unsigned int remaining = *length;
@@ -458,7 +458,7 @@ KIV_COLD int end_of_timed_read(timed_step step, int ret) {
 }
 
 // Goes on with a timed read from the step whose call gave ret.
-[[gnu::noinline]] int read_timed_rest(timed_read &&now, timed_step step, int ret) {
+KIV_APART int read_timed_rest(timed_read &&now, timed_step step, int ret) {
     for (;;) {
         if (step == timed_step::wait) {
             const int status = ret > 0 ? EINTR : end_of_wait(now, ret);
