@@ -53,17 +53,26 @@ int straight_tty_close(struct straight_tty *tty) {
     return result;
 }
 
-static ssize_t poll_and_read(struct straight_tty *tty, void *buffer, size_t length) {
-    if (poll(tty->waits, 2, -1) < 1)
-        return -1;
-    return read(tty->waits[0].fd, buffer, length);
+/* The loops that every kind of port has, around calls that are not the same. Both end up in one straight
+ * function. */
+#define STRAIGHT static inline __attribute__((always_inline))
+
+typedef ssize_t reader(void *port, void *buffer, size_t length);
+typedef ssize_t writer(void *port, const void *buffer, size_t length);
+
+STRAIGHT int read_some(reader *call, void *port, void *buffer, unsigned int *length) {
+    ssize_t count = call(port, buffer, *length);
+    if (count <= 0)
+        return count == 0 ? EIO : errno;
+    *length = (unsigned int)count;
+    return 0;
 }
 
-int straight_tty_read(struct straight_tty *tty, void *buffer, unsigned int *length) {
+STRAIGHT int read_all(reader *call, void *port, void *buffer, unsigned int *length) {
     char *at = buffer;
     unsigned int remaining = *length;
     while (remaining > 0) {
-        ssize_t count = poll_and_read(tty, at, remaining);
+        ssize_t count = call(port, at, remaining);
         if (count <= 0)
             return count == 0 ? EIO : errno;
         at += count;
@@ -72,12 +81,36 @@ int straight_tty_read(struct straight_tty *tty, void *buffer, unsigned int *leng
     return 0;
 }
 
-int straight_tty_read_partial(struct straight_tty *tty, void *buffer, unsigned int *length) {
-    ssize_t count = poll_and_read(tty, buffer, *length);
-    if (count <= 0)
-        return count == 0 ? EIO : errno;
-    *length = (unsigned int)count;
+STRAIGHT int send_all(writer *call, void *port, const void *buffer, unsigned int length) {
+    const char *at = buffer;
+    while (length > 0) {
+        ssize_t count = call(port, at, length);
+        if (count <= 0)
+            return count == 0 ? EIO : errno;
+        at += count;
+        length -= (unsigned int)count;
+    }
     return 0;
+}
+
+STRAIGHT ssize_t poll_and_read(void *port, void *buffer, size_t length) {
+    struct straight_tty *tty = port;
+    if (poll(tty->waits, 2, -1) < 1)
+        return -1;
+    return read(tty->waits[0].fd, buffer, length);
+}
+
+STRAIGHT ssize_t write_to_tty(void *port, const void *buffer, size_t length) {
+    struct straight_tty *tty = port;
+    return write(tty->waits[0].fd, buffer, length);
+}
+
+int straight_tty_read(struct straight_tty *tty, void *buffer, unsigned int *length) {
+    return read_all(poll_and_read, tty, buffer, length);
+}
+
+int straight_tty_read_partial(struct straight_tty *tty, void *buffer, unsigned int *length) {
+    return read_some(poll_and_read, tty, buffer, length);
 }
 
 int straight_tty_read_timed(struct straight_tty *tty, void *buffer, unsigned int *length,
@@ -108,15 +141,7 @@ int straight_tty_read_timed(struct straight_tty *tty, void *buffer, unsigned int
 }
 
 int straight_tty_send(struct straight_tty *tty, const void *buffer, unsigned int length) {
-    const char *at = buffer;
-    while (length > 0) {
-        ssize_t count = write(tty->waits[0].fd, at, length);
-        if (count <= 0)
-            return count == 0 ? EIO : errno;
-        at += count;
-        length -= (unsigned int)count;
-    }
-    return 0;
+    return send_all(write_to_tty, tty, buffer, length);
 }
 
 int straight_tty_sendv(struct straight_tty *tty, const struct iovec *iov, int iovcnt, unsigned int *sent) {
@@ -148,69 +173,45 @@ int straight_stream_open(int *listener, int port_number) {
     return 0;
 }
 
-int straight_stream_read(struct straight_stream *stream, void *buffer, unsigned int *length) {
-    char *at = buffer;
-    unsigned int remaining = *length;
-    while (remaining > 0) {
-        sup_mutex_lock(stream->lock);
-        int fd = stream->fd;
-        sup_mutex_unlock(stream->lock);
-        ssize_t count = read(fd, at, remaining);
-        if (count <= 0)
-            return count == 0 ? EIO : errno;
-        at += count;
-        remaining -= (unsigned int)count;
-    }
-    return 0;
-}
-
-int straight_stream_read_partial(struct straight_stream *stream, void *buffer, unsigned int *length) {
+STRAIGHT int locked_fd(struct straight_stream *stream) {
     sup_mutex_lock(stream->lock);
     int fd = stream->fd;
     sup_mutex_unlock(stream->lock);
-    ssize_t count = read(fd, buffer, *length);
-    if (count <= 0)
-        return count == 0 ? EIO : errno;
-    *length = (unsigned int)count;
-    return 0;
+    return fd;
+}
+
+STRAIGHT ssize_t read_stream(void *port, void *buffer, size_t length) {
+    return read(locked_fd(port), buffer, length);
+}
+
+STRAIGHT ssize_t send_to_stream(void *port, const void *buffer, size_t length) {
+    return send(locked_fd(port), buffer, length, MSG_NOSIGNAL);
+}
+
+int straight_stream_read(struct straight_stream *stream, void *buffer, unsigned int *length) {
+    return read_all(read_stream, stream, buffer, length);
+}
+
+int straight_stream_read_partial(struct straight_stream *stream, void *buffer, unsigned int *length) {
+    return read_some(read_stream, stream, buffer, length);
 }
 
 int straight_stream_send(struct straight_stream *stream, const void *buffer, unsigned int length) {
-    const char *at = buffer;
-    while (length > 0) {
-        sup_mutex_lock(stream->lock);
-        int fd = stream->fd;
-        sup_mutex_unlock(stream->lock);
-        ssize_t count = send(fd, at, length, MSG_NOSIGNAL);
-        if (count <= 0)
-            return count == 0 ? EIO : errno;
-        at += count;
-        length -= (unsigned int)count;
-    }
-    return 0;
+    return send_all(send_to_stream, stream, buffer, length);
+}
+
+STRAIGHT ssize_t read_socket(void *port, void *buffer, size_t length) {
+    return read(*(int *)port, buffer, length);
+}
+
+STRAIGHT ssize_t send_to_socket(void *port, const void *buffer, size_t length) {
+    return send(*(int *)port, buffer, length, MSG_NOSIGNAL);
 }
 
 int straight_socket_read(int fd, void *buffer, unsigned int *length) {
-    char *at = buffer;
-    unsigned int remaining = *length;
-    while (remaining > 0) {
-        ssize_t count = read(fd, at, remaining);
-        if (count <= 0)
-            return count == 0 ? EIO : errno;
-        at += count;
-        remaining -= (unsigned int)count;
-    }
-    return 0;
+    return read_all(read_socket, &fd, buffer, length);
 }
 
 int straight_socket_send(int fd, const void *buffer, unsigned int length) {
-    const char *at = buffer;
-    while (length > 0) {
-        ssize_t count = send(fd, at, length, MSG_NOSIGNAL);
-        if (count <= 0)
-            return count == 0 ? EIO : errno;
-        at += count;
-        length -= (unsigned int)count;
-    }
-    return 0;
+    return send_all(send_to_socket, &fd, buffer, length);
 }

@@ -3,21 +3,13 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "kiv/platform.h"
 #include "kiv/sim.h"
+#include "require.h"
 
 namespace {
-
-void require(bool holds, const char *what) {
-    if (holds)
-        return;
-    std::fprintf(stderr, "wrong: %s\n", what);
-    std::abort();
-}
 
 // Calls found(text) for the texts of a file's lines, in pieces of at most `most`, until it returns true.
 template <class Found>

@@ -9,13 +9,13 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "kiv/core.h"
 #include "kiv/sim.h"
 #include "kiv/uart.h"
+#include "require.h"
 
 namespace {
 
@@ -23,16 +23,6 @@ using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::size_t longest = 1029;
 constexpr unsigned refusal = ENETDOWN;
-
-[[noreturn]] void fail(const char *what) {
-    std::fprintf(stderr, "wrong: %s\n", what);
-    std::abort();
-}
-
-void require(bool holds, const char *what) {
-    if (!holds)
-        fail(what);
-}
 
 std::vector<std::string> messages; // what the library has logged
 

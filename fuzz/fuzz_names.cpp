@@ -19,15 +19,9 @@
 #include "kiv/platform.h"
 #include "kiv/sim.h"
 #include "kiv/transports.h"
+#include "require.h"
 
 namespace {
-
-void require(bool holds, const char *what) {
-    if (holds)
-        return;
-    std::fprintf(stderr, "wrong: %s\n", what);
-    std::abort();
-}
 
 int lowest_free_descriptor() {
     const int fd = ::open("/dev/null", O_RDONLY);
@@ -117,23 +111,26 @@ void open_demultiplexer(const Name &path, bool answered) {
     require(connected == (answered ? 1 : 0), "the callback");
 }
 
+// What the library says is of no interest here, but it must be something that can be said.
+[[gnu::format(printf, 1, 0)]] int say(const char *format, va_list arguments) {
+    char text[4096];
+    return std::vsnprintf(text, sizeof text, format, arguments);
+}
+
 } // namespace
 
-// What the library says is of no interest here, but it must be something that can be said.
 int sup_log_msg_nocolor_raw(const char *, int, const char *format, ...) {
-    char text[4096];
     va_list arguments;
     va_start(arguments, format);
-    const int length = std::vsnprintf(text, sizeof text, format, arguments);
+    const int length = say(format, arguments);
     va_end(arguments);
     return length;
 }
 
 int sup_system_diag(const char *format, ...) {
-    char text[4096];
     va_list arguments;
     va_start(arguments, format);
-    const int length = std::vsnprintf(text, sizeof text, format, arguments);
+    const int length = say(format, arguments);
     va_end(arguments);
     return length;
 }
