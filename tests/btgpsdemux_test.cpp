@@ -158,6 +158,13 @@ TEST_F(BtgpsdemuxTest, AReconnectionWithoutASocketFails) {
     peer = service.accept();
     EXPECT_EQ(peer.receive(4), "sent");
     expect_served_by(peer);
+
+    // And a port that is closed before lets go of it.
+    peer.close();
+    fail_next(KIV_SIM_SOCKET, EMFILE);
+    EXPECT_EQ(read_some(), "status 24");
+    EXPECT_EQ(events.taken(), "D");
+    reports();
 }
 
 TEST_F(BtgpsdemuxTest, ASignalMakesAReaderConnectAgain) {

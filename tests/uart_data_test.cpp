@@ -375,6 +375,20 @@ TEST_F(UartData, StopReleasesABlockedReadEveryTime) {
     close();
 }
 
+// A writer that notices that the peer has gone takes the descriptor away: nothing more comes, however long
+// the limit.
+TEST_F(UartData, ATimedReadEndsWithItsDescriptor) {
+    port_.magic = UART_MAGIC;
+    port_.flags = UART_FLAG_STREAM;
+    port_.read = [](UART_infos *port, void *to, unsigned int) {
+        *static_cast<char *>(to) = 'x';
+        port->fd = -1;
+        return 1;
+    };
+    EXPECT_EQ(sup_uart_Read_partial_timeout(&port_, buffer_, &(length_ = 9), UINT_MAX), 0);
+    EXPECT_EQ(got(), "x");
+}
+
 // Records that are none -------------------------------------------------------------------------------------
 
 TEST_F(UartData, NullAndNeverOpenedRecordsAreSurvived) {
