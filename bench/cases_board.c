@@ -23,7 +23,7 @@
 
 /* HCI ----------------------------------------------------------------------------------------------- */
 
-enum { commands = 10, longest_packet = 1029, event_size = 65 };
+enum { commands = 10, longest_packet = 1029 };
 static UART_infos port;
 static unsigned char stream[longest_packet], packet[longest_packet], taken[longest_packet];
 static unsigned int collected, total;
@@ -124,25 +124,51 @@ static int hci_read(int use_library, unsigned int length) {
     return use_library ? sup_uart_Read_partial(&port, taken, &length) : straight_read_packet(taken, &length);
 }
 
-static void feed_event(void) {
-    static const unsigned char event[event_size] = {4, 0xff, event_size - 3};
-    must(kiv_sim_hci_send(0, event, sizeof event) == 0, "event");
+static unsigned int received_size; /* of the packets that the controller sends */
+
+static void start_read_of(unsigned int size) {
+    start_hci(0);
+    received_size = size;
+    memset(stream, 0, sizeof stream);
+    if (size == longest_packet)
+        memcpy(stream, "\x02\x2a\x20\x00\x04", 5); /* 1024 bytes of data */
+    else
+        memcpy(stream, (const unsigned char[]){4, 0xff, (unsigned char)(size - 3)}, 3);
+}
+
+static void start_read_4(int use_library) {
+    (void)use_library;
+    start_read_of(4);
+}
+
+static void start_read_65(int use_library) {
+    (void)use_library;
+    start_read_of(65);
+}
+
+static void start_read_1029(int use_library) {
+    (void)use_library;
+    start_read_of(longest_packet);
+}
+
+static void receive(void) {
+    must(kiv_sim_hci_send(0, stream, received_size) == 0, "packet");
 }
 
 static void hci_read_packet(int use_library) {
-    feed_event();
+    receive();
     must(hci_read(use_library, sizeof taken) == 0, "read");
 }
 
 /* Into a buffer with room for this packet, but not for every one. */
 static void hci_read_exact(int use_library) {
-    feed_event();
-    must(hci_read(use_library, event_size) == 0, "read");
+    receive();
+    must(hci_read(use_library, received_size) == 0, "read");
 }
 
 static void hci_read_bytes(int use_library) {
-    feed_event();
-    for (int i = 0; i < event_size; ++i)
+    receive();
+    for (unsigned int i = 0; i < received_size; ++i)
         must(hci_read(use_library, 1) == 0, "read");
 }
 
@@ -367,9 +393,10 @@ static void bnep_inbound(int use_library) {
 const struct bench_case board_cases[] = {
     {"hci-10-commands", start_commands, hci_commands, 10 * 20},
     {"hci-acl-1029", start_acl, hci_acl, 24},
-    {"hci-read-packet", start_hci, hci_read_packet, 12},
-    {"hci-read-exact", start_hci, hci_read_exact, 12},
-    {"hci-read-65-bytes", start_hci, hci_read_bytes, 65 * 12},
+    {"hci-read-4", start_read_4, hci_read_packet, 12},
+    {"hci-read-4-exact", start_read_4, hci_read_exact, 12},
+    {"hci-read-1029", start_read_1029, hci_read_packet, 12},
+    {"hci-read-65-bytes", start_read_65, hci_read_bytes, 65 * 12},
     {"i2c-write", start_i2c, i2c_write, 12},
     {"i2c-read", start_i2c, i2c_read, 12},
     {"i2c-register", start_i2c, i2c_register, 24},
