@@ -1,5 +1,6 @@
 // Every system call of every operation fails once with every kind of errno: the rows, an area at a time.
 
+#include <map>
 #include <memory>
 
 #include "fixtures/fault_sweep.h"
@@ -8,10 +9,6 @@
 #include "kiv/transports.h"
 
 namespace kiv::test {
-
-TEST_P(FaultSweep, EachCallFailsOnceWithEachError) {
-    sweep();
-}
 
 namespace {
 
@@ -36,23 +33,67 @@ void open_tty() {
     length = 3;
 }
 
-const Scene tty = {uart, open_tty, close_port};
+const Scene tty = {open_tty, close_port};
 
+struct Status {
+    int status;
+    bool warned;
+};
+using Functions = std::vector<const char *>;
+using Texts = std::map<kiv_sim_call, std::vector<const char *>>;
+using StatusOf = Status (*)(kiv_sim_call call, unsigned nth, int error);
+
+Status opening(kiv_sim_call, unsigned, int error) {
+    return {error, false};
+}
+Status operation(kiv_sim_call, unsigned, int error) {
+    return {error, true};
+}
+Status continued(kiv_sim_call, unsigned, int error) {
+    return error == EINTR ? Status{0, false} : Status{error, true};
+}
+Status hidden(kiv_sim_call, unsigned, int) {
+    return {0, false};
+}
 // The cancellation's own failure goes unnoticed.
-Outcome stopping(kiv_sim_call call, unsigned, int error) {
-    return call == KIV_SIM_IOCTL ? Outcome{error, true} : Outcome{0, false};
+Status stopping(kiv_sim_call call, unsigned, int error) {
+    return call == KIV_SIM_IOCTL ? Status{error, true} : Status{0, false};
 }
-
 // Only the device's closing counts, the last of three.
-Outcome closing(kiv_sim_call, unsigned nth, int) {
-    return nth == 3 ? Outcome{-1, true} : Outcome{0, false};
+Status closing(kiv_sim_call, unsigned nth, int) {
+    return nth == 3 ? Status{-1, true} : Status{0, false};
 }
-
-Outcome warning_of_minus_one(kiv_sim_call, unsigned, int) {
+Status warning_of_minus_one(kiv_sim_call, unsigned, int) {
     return {-1, true};
 }
-Outcome warning_only(kiv_sim_call, unsigned, int) {
+Status warning_only(kiv_sim_call, unsigned, int) {
     return {0, true};
+}
+
+// The functions: the first one traces; all of them warn, inner ones first. The texts: of the traces, by kind
+// and turn of the call that fails; no text, no trace.
+Ending tracing(const char *module, const Functions &functions, const Texts &texts, StatusOf ends) {
+    return [=](kiv_sim_call call, unsigned nth, int error) {
+        const auto [status, is_warned] = ends(call, nth, error);
+        Outcome outcome = {status};
+        if (const auto of_call = texts.find(call); of_call != texts.end()) {
+            const std::size_t turn = std::min<std::size_t>(nth, of_call->second.size());
+            outcome.reported = {trace(module, functions.front(), of_call->second[turn - 1], error)};
+        }
+        if (is_warned)
+            for (const char *function : functions)
+                outcome.reported.push_back(warned(module, function));
+        return outcome;
+    };
+}
+
+SweptOperation on_tty(const char *name, const Scene &scene, const Functions &functions, const Texts &texts,
+                      StatusOf ends, Operation act) {
+    return {name, scene, tracing(uart, functions, texts, ends), std::move(act)};
+}
+SweptOperation on_tcp(const char *name, const Scene &scene, const Functions &functions, const Texts &texts,
+                      StatusOf ends, Operation act) {
+    return {name, scene, tracing(tcp, functions, texts, ends), std::move(act)};
 }
 
 const Texts write_texts = {{KIV_SIM_WRITE, {text_of_write}}};
@@ -69,35 +110,35 @@ Texts request_texts(std::vector<const char *> texts) {
 }
 
 const SweptOperation serial_rows[] = {
-    swept("open", {uart, nothing, close_port}, {"sup_uart_Init2"}, request_texts({text_of_get, text_of_set}),
-          opening, [] { return sup_uart_Init(&port, tty_path, 9, 1); }),
-    swept("Read", tty, {"sup_uart_Read"}, read_texts({text_of_read}), continued,
-          [] { return sup_uart_Read(&port, buffer, &length); }),
-    swept("Read_partial", tty, {"sup_uart_Read_partial"}, read_texts({text_of_partial}), continued,
-          [] { return sup_uart_Read_partial(&port, buffer, &length); }),
-    swept("Read_partial_timeout", tty, {"sup_uart_Read_partial_timeout"},
-          read_texts({text_of_first, text_of_read}), continued,
-          [] { return sup_uart_Read_partial_timeout(&port, buffer, &(length = 8), 0); }),
-    swept("Send", tty, {"sup_uart_Send"}, write_texts, continued,
-          [] { return sup_uart_Send(&port, buffer, 8); }),
-    swept("Sendv", tty, {"sup_uart_Send", "sup_uart_Sendv"}, write_texts, continued,
-          [] { return sup_uart_Sendv(&port, pieces, 2, &length); }),
-    swept("Change_Speed", tty, {"sup_uart_Change_Speed"},
-          request_texts({text_of_drain, text_of_get, text_of_set}), operation,
-          [] { return sup_uart_Change_Speed(&port, 4); }),
-    swept("RTS_Enable", tty, {"sup_uart_RTS_Enable"}, request_texts({text_of_get, text_of_set}), operation,
-          [] { return sup_uart_RTS_Enable(&port, 1); }),
-    swept("Flush", tty, {"sup_uart_Flush"},
-          request_texts({"ret = kiv_tcflush(UART_infos->fd, queue_selector)"}), warning_of_minus_one,
-          [] { return sup_uart_Flush(&port, FLUSH_ALL); }),
-    swept("RTS_Manage", tty, {"sup_uart_RTS_Manage"},
-          request_texts({"ret = ioctl(fd, 0x5415, &flags)", "ret = ioctl(fd, 0x5418, &flags)"}), warning_only,
-          [] { return sup_uart_RTS_Manage(&port, 1), 0; }),
-    swept("Stop_UART", tty, {"sup_uart_Change_Speed", "sup_uart_Stop_UART"},
-          request_texts({text_of_drain, text_of_get, text_of_set}), stopping,
-          [] { return sup_uart_Stop_UART(&port); }),
-    swept("close", {uart, open_tty, nothing}, {"sup_uart_close"}, {}, closing,
-          [] { return sup_uart_close(&port); }),
+    on_tty("open", {nothing, close_port}, {"sup_uart_Init2"}, request_texts({text_of_get, text_of_set}),
+           opening, [] { return sup_uart_Init(&port, tty_path, 9, 1); }),
+    on_tty("Read", tty, {"sup_uart_Read"}, read_texts({text_of_read}), continued,
+           [] { return sup_uart_Read(&port, buffer, &length); }),
+    on_tty("Read_partial", tty, {"sup_uart_Read_partial"}, read_texts({text_of_partial}), continued,
+           [] { return sup_uart_Read_partial(&port, buffer, &length); }),
+    on_tty("Read_partial_timeout", tty, {"sup_uart_Read_partial_timeout"},
+           read_texts({text_of_first, text_of_read}), continued,
+           [] { return sup_uart_Read_partial_timeout(&port, buffer, &(length = 8), 0); }),
+    on_tty("Send", tty, {"sup_uart_Send"}, write_texts, continued,
+           [] { return sup_uart_Send(&port, buffer, 8); }),
+    on_tty("Sendv", tty, {"sup_uart_Send", "sup_uart_Sendv"}, write_texts, continued,
+           [] { return sup_uart_Sendv(&port, pieces, 2, &length); }),
+    on_tty("Change_Speed", tty, {"sup_uart_Change_Speed"},
+           request_texts({text_of_drain, text_of_get, text_of_set}), operation,
+           [] { return sup_uart_Change_Speed(&port, 4); }),
+    on_tty("RTS_Enable", tty, {"sup_uart_RTS_Enable"}, request_texts({text_of_get, text_of_set}), operation,
+           [] { return sup_uart_RTS_Enable(&port, 1); }),
+    on_tty("Flush", tty, {"sup_uart_Flush"},
+           request_texts({"ret = kiv_tcflush(UART_infos->fd, queue_selector)"}), warning_of_minus_one,
+           [] { return sup_uart_Flush(&port, FLUSH_ALL); }),
+    on_tty("RTS_Manage", tty, {"sup_uart_RTS_Manage"},
+           request_texts({"ret = ioctl(fd, 0x5415, &flags)", "ret = ioctl(fd, 0x5418, &flags)"}),
+           warning_only, [] { return sup_uart_RTS_Manage(&port, 1), 0; }),
+    on_tty("Stop_UART", tty, {"sup_uart_Change_Speed", "sup_uart_Stop_UART"},
+           request_texts({text_of_drain, text_of_get, text_of_set}), stopping,
+           [] { return sup_uart_Stop_UART(&port); }),
+    on_tty("close", {open_tty, nothing}, {"sup_uart_close"}, {}, closing,
+           [] { return sup_uart_close(&port); }),
 };
 
 INSTANTIATE_TEST_SUITE_P(Serial, FaultSweep, ::testing::ValuesIn(serial_rows), row_name);
@@ -164,20 +205,20 @@ const Texts socket_texts = {
     {KIV_SIM_DUP2, {"ret = dup2(fd, UART_infos->fd_listen)"}},
 };
 
-const Scene server = {tcp, open_server, close_server};
+const Scene server = {open_server, close_server};
 
 const SweptOperation tcp_rows[] = {
-    swept("open_server", {tcp, nothing, close_port}, {"pos_open_tcp"}, socket_texts, opening,
-          [] { return sup_uart_Init(&port, "tcp:", 0, 0); }),
-    swept("server_Read", server, {"pos_tcp_accept"}, accept_texts, hidden,
-          [] { return sup_uart_Read(&port, buffer, &length); }),
-    swept("server_Send", server, {"pos_tcp_accept"}, accept_texts, hidden,
-          [] { return sup_uart_Send(&port, buffer, 8); }),
-    swept("server_close", server, {}, {}, hidden, [] { return sup_uart_close(&port); }),
-    swept("open_client", {tcp, listen_for_client, close_client}, {"pos_open_tcp_client"}, socket_texts,
-          opening, open_client),
-    swept("lost_client_Send", {tcp, lose_client, close_client}, {"pos_connect_tcp_client"}, socket_texts,
-          hidden, [] { return sup_uart_Send(&port, buffer, 8); }),
+    on_tcp("open_server", {nothing, close_port}, {"pos_open_tcp"}, socket_texts, opening,
+           [] { return sup_uart_Init(&port, "tcp:", 0, 0); }),
+    on_tcp("server_Read", server, {"pos_tcp_accept"}, accept_texts, hidden,
+           [] { return sup_uart_Read(&port, buffer, &length); }),
+    on_tcp("server_Send", server, {"pos_tcp_accept"}, accept_texts, hidden,
+           [] { return sup_uart_Send(&port, buffer, 8); }),
+    on_tcp("server_close", server, {}, {}, hidden, [] { return sup_uart_close(&port); }),
+    on_tcp("open_client", {listen_for_client, close_client}, {"pos_open_tcp_client"}, socket_texts, opening,
+           open_client),
+    on_tcp("lost_client_Send", {lose_client, close_client}, {"pos_connect_tcp_client"}, socket_texts, hidden,
+           [] { return sup_uart_Send(&port, buffer, 8); }),
 };
 
 INSTANTIATE_TEST_SUITE_P(Tcp, FaultSweep, ::testing::ValuesIn(tcp_rows), row_name);

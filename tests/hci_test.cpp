@@ -2,14 +2,11 @@
 
 #include <atomic>
 #include <cerrno>
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
 
+#include "fixtures/fault_sweep.h"
 #include "fixtures/hci.h"
-#include "fixtures/log_capture.h"
-#include "fixtures/signal.h"
 #include "kiv/platform.h"
 #include "kiv/transports.h"
 
@@ -71,21 +68,36 @@ std::string device_trace(const std::string &text, int error) {
     return trace(module, "bluez_open_dev", text, error);
 }
 
+const std::string no_device = "UART_infos->fd = bluez_open_dev(dev_id)";
 const std::string raw_assertion =
     asserted(module, "pos_open_bt_generic", "\"no CAP_NET_ADMIN right ???\\n\" && ret == 0");
 
-Reports failed_read(int error) {
-    const std::string text = "ret = pos_read(UART_infos, buffer + (*length - remaining), remaining)";
+struct Reading {
+    const char *function, *text;
+};
+constexpr Reading whole = {"sup_uart_Read",
+                           "ret = pos_read(UART_infos, buffer + (*length - remaining), remaining)"};
+constexpr Reading partial = {"sup_uart_Read_partial", "ret = pos_read(UART_infos, buffer, remaining)"};
+
+Reports failed_read(int error, const Reading &reading = whole) {
     Reports expected = {asserted(module, "pos_read_bt", "bt_cache.tail > 0")};
     if (error != 0)
-        expected.push_back(trace(uart, "sup_uart_Read", text, error));
-    expected.push_back(warned(uart, "sup_uart_Read"));
+        expected.push_back(trace(uart, reading.function, reading.text, error));
+    expected.push_back(warned(uart, reading.function));
     return expected;
 }
 
 Reports failed_write(int error) {
     const std::string text = "ret = pos_write(UART_infos, buffer + (length - remaining), remaining)";
     return {trace(uart, "sup_uart_Send", text, error), warned(uart, "sup_uart_Send")};
+}
+
+Reports failed_sendv(int error) {
+    const std::string text = "ret = UART_infos->writev(UART_infos, iov, iovcnt)";
+    const Reports traced = {trace(uart, "sup_uart_Sendv", text, error)};
+    if (error == EINTR) // made again
+        return traced;
+    return {traced[0], asserted(uart, "sup_uart_Sendv", "ret == len"), warned(uart, "sup_uart_Sendv")};
 }
 
 TEST_F(Hci, OpensDownRawUp) {
@@ -148,65 +160,19 @@ TEST_F(Hci, TheNumberChoosesTheController) {
     }
 }
 
-TEST_F(Hci, EveryStepOfTheOpeningCanFail) {
-    const std::string no_device = "UART_infos->fd = bluez_open_dev(dev_id)";
-    const struct {
-        kiv_sim_call call;
-        unsigned nth;
-        int error, status;
-        Reports expected;
-    } rows[] = {
-        {KIV_SIM_SOCKET,
-         1,
-         EAFNOSUPPORT,
-         EAFNOSUPPORT,
-         {device_trace("fd = socket(31, SOCK_RAW, 1)", EAFNOSUPPORT),
-          opening_trace(no_device, EAFNOSUPPORT)}},
-        {KIV_SIM_BIND,
-         1,
-         ENODEV,
-         EIO,
-         {device_trace("ret = bind(fd, (struct sockaddr *) &addr, sizeof(addr))", ENODEV),
-          device_trace("close(fd)", EIO), opening_trace(no_device, EIO)}},
-        {KIV_SIM_SETSOCKOPT,
-         1,
-         ENOPROTOOPT,
-         ENOPROTOOPT,
-         {opening_trace("ret = setsockopt(UART_infos->fd, 0, 2, &filter, sizeof(filter))", ENOPROTOOPT)}},
-        {KIV_SIM_IOCTL, 1, EPERM, EPERM, {opening_trace(request_text(202, "dev_id"), EPERM)}},
-        {KIV_SIM_IOCTL, 2, EBUSY, EBUSY, {opening_trace(request_text(220, "1"), EBUSY), raw_assertion}},
-        {KIV_SIM_IOCTL, 3, ERFKILL, ERFKILL, {opening_trace(request_text(201, "dev_id"), ERFKILL)}},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.expected.front());
-        const auto before = open_descriptors();
-        kiv_sim_clear_faults();
-        ASSERT_EQ(kiv_sim_fail(row.call, row.nth, 1, row.error), 0);
-        ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EIO), 0); // of the socket, too
-        EXPECT_EQ(open(), row.status);
-        EXPECT_EQ(open_descriptors(), before);
-        EXPECT_TRUE(port.magic == 0 && port.fd == -1);
-        EXPECT_EQ(reports(), row.expected);
-    }
+TEST_F(Hci, RefusesWhatIsNoName) {
+    EXPECT_EQ(pos_open_bt(&port, "hc", 0), EINVAL);
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_SOCKET), 0u);
 }
 
-TEST_F(Hci, RefusesWhatIsNoName) {
-    EXPECT_EQ(pos_open_bt(nullptr, "hci0", 0), EINVAL);
-    EXPECT_EQ(pos_open_bt(&port, nullptr, 0), EINVAL);
-    EXPECT_EQ(reports(), Reports({asserted(module, "pos_open_bt", "(UART_infos) != ((void *)0)"),
-                                  asserted(module, "pos_open_bt", "(device_name) != ((void *)0)")}));
-    EXPECT_EQ(pos_open_bt(&port, "hc", 0), EINVAL);
-    const Reports refusal = {logged(1, "pos_open_bt_generic: type TYPE_SYSPATH invalid here\n", "uart_bt")};
-    for (const int level : {3, 0}) {
-        kiv_log_dyn_level_uart_bt = level;
-        kiv_log_dyn_level_POS = 3 - level; // the category is its own
-        EXPECT_EQ(open("btsyspath:/sys/class/bluetooth/hci0"), -EINVAL);
-        EXPECT_EQ(reports(), level == 3 ? refusal : Reports());
-    }
-    EXPECT_EQ(pos_open_bt_syspath(nullptr, nullptr, 0), -EINVAL);
-    kiv_log_dyn_level_uart_bt = 3;
-    EXPECT_EQ(port.magic, 0u);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_SOCKET), 0u);
+TEST_F(Hci, ASocketThatDoesNotEvenCloseIsReported) {
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_BIND, 1, 1, ENODEV), 0);
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EIO), 0);
+    EXPECT_EQ(open(), EIO);
+    EXPECT_TRUE(port.magic == 0 && port.fd == -1);
+    EXPECT_EQ(reports(),
+              Reports({device_trace("ret = bind(fd, (struct sockaddr *) &addr, sizeof(addr))", ENODEV),
+                       device_trace("close(fd)", EIO), opening_trace(no_device, EIO)}));
 }
 
 // Writing -----------------------------------------------------------------------------------------------
@@ -235,21 +201,14 @@ TEST_F(OpenHci, PacketsCutAnywhereGoOutOnceAndWhole) {
 
 TEST_F(OpenHci, JunkIsDroppedAndLogged) {
     // Of a packet that is too long the header only: what follows is read as the start of the next one.
-    const Bytes junk[] = {{4, 0}, {255}, {2, 0x2a, 0x20, 0x01, 0x04}, {2, 0, 0, 0xff, 0xff}};
-    for (const int level : {3, 0}) {
-        kiv_log_dyn_level_POS = level;
-        for (const Bytes &each : junk) {
-            EXPECT_EQ(send(each + hci_reset), 0);
-            EXPECT_EQ(packets_of_host(), std::vector<Bytes>{hci_reset});
-        }
-        EXPECT_EQ(reports(), level == 0 ? Reports()
-                                        : Reports({logged(1, "Invalid BT packet 4\n"),
-                                                   logged(1, "Invalid BT packet 0\n"),
-                                                   logged(1, "Invalid BT packet 255\n"),
-                                                   logged(1, "Invalid BT packet : too big : 1030\n"),
-                                                   logged(1, "Invalid BT packet : too big : 65540\n")}));
+    for (const Bytes &junk : {Bytes{4, 0}, {255}, {2, 0x2a, 0x20, 0x01, 0x04}, {2, 0, 0, 0xff, 0xff}}) {
+        EXPECT_EQ(send(junk + hci_reset), 0);
+        EXPECT_EQ(packets_of_host(), std::vector<Bytes>{hci_reset});
     }
-    kiv_log_dyn_level_POS = 3;
+    EXPECT_EQ(reports(), Reports({logged(1, "Invalid BT packet 4\n"), logged(1, "Invalid BT packet 0\n"),
+                                  logged(1, "Invalid BT packet 255\n"),
+                                  logged(1, "Invalid BT packet : too big : 1030\n"),
+                                  logged(1, "Invalid BT packet : too big : 65540\n")}));
 }
 
 TEST_F(OpenHci, ARefusedPacketIsDroppedAndTheNextOneIsFine) {
@@ -263,54 +222,19 @@ TEST_F(OpenHci, ARefusedPacketIsDroppedAndTheNextOneIsFine) {
     }
 }
 
-// A raw HCI socket takes its packets at once; a socket with a full queue stands in for it here, so that the
-// write really blocks.
-TEST_F(OpenHci, AWriteInterruptedByASignalKeepsTheFraming) {
-    int ends[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-    ASSERT_EQ(::dup2(ends[0], port.fd), port.fd);
-    ::close(ends[0]);
-    unsigned queued = 0;
-    for (const Bytes filling(1000); ::send(port.fd, filling.data(), filling.size(), MSG_DONTWAIT) > 0;
-         ++queued)
-        ;
-    const unsigned before = kiv_sim_calls(KIV_SIM_WRITE);
-    std::atomic<int> status{-1};
-    std::thread writer([&] { status = send(acl(9) + sco(5)); });
-    {
-        Interrupter interrupter(writer.native_handle());
-        kiv_sim_wait_calls(KIV_SIM_WRITE, before + 3);
-    }
-    std::uint8_t packet[1029];
-    for (; queued > 0; --queued)
-        EXPECT_EQ(::recv(ends[1], packet, sizeof packet, 0), 1000);
-    writer.join();
-    EXPECT_EQ(status, 0);
-    for (const Bytes &expected : {acl(9), sco(5)}) {
-        const ssize_t length = ::recv(ends[1], packet, sizeof packet, MSG_DONTWAIT);
-        EXPECT_EQ(Bytes(packet, packet + (length > 0 ? length : 0)), expected);
-    }
-    ::close(ends[1]);
-}
-
 TEST_F(OpenHci, GatheredPiecesAreOnePacketPastTheAssembler) {
     ASSERT_EQ(send({1, 0x45}), 0);
     Bytes packet = {2, 0x2a, 0x20, 3, 0, 7, 8, 9};
     const iovec pieces[] = {{&packet[0], 1}, {&packet[1], 4}, {nullptr, 0}, {&packet[5], 3}};
     unsigned sent = 0;
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_WRITEV, 1, 1, EINTR), 0);
     EXPECT_EQ(sup_uart_Sendv(&port, pieces, 4, &sent), 0);
-    const std::string text = "ret = UART_infos->writev(UART_infos, iov, iovcnt)";
-    EXPECT_EQ(reports(), Reports({trace(uart, "sup_uart_Sendv", text, EINTR)}));
     EXPECT_EQ(sent, 8u);
     EXPECT_EQ(packets_of_host(), std::vector<Bytes>{packet});
 
     packet[0] = 4;
     EXPECT_EQ(sup_uart_Sendv(&port, pieces, 4, &sent), EINVAL);
     EXPECT_EQ(sent, 0u);
-    EXPECT_EQ(reports(),
-              Reports({trace(uart, "sup_uart_Sendv", text, EINVAL),
-                       asserted(uart, "sup_uart_Sendv", "ret == len"), warned(uart, "sup_uart_Sendv")}));
+    EXPECT_EQ(reports(), failed_sendv(EINVAL));
     EXPECT_EQ(send({0xfc, 0}), 0);
     EXPECT_EQ(packets_of_host(), (std::vector<Bytes>{{1, 0x45, 0xfc, 0}}));
 }
@@ -379,33 +303,6 @@ TEST_F(OpenHci, AfterAFailedReadTheNextOneReadsTheSocket) {
     }
 }
 
-TEST_F(OpenHci, AControllerThatGoesAwayEndsTheStream) {
-    std::thread unplugger([] {
-        kiv_sim_wait_calls(KIV_SIM_READ, 1);
-        kiv_sim_hci_unplug(0, EPIPE);
-    });
-    EXPECT_EQ(read(1, EPIPE), Bytes());
-    unplugger.join();
-    EXPECT_EQ(reports(), failed_read(EPIPE));
-    EXPECT_EQ(send(hci_reset), EPIPE);
-    EXPECT_EQ(reports(), failed_write(EPIPE));
-}
-
-TEST_F(OpenHci, AnInterruptedReadIsMadeAgainUnseen) {
-    for (const std::size_t room : {4u, 1029u}) {
-        const unsigned before = kiv_sim_calls(KIV_SIM_READ);
-        Bytes got;
-        std::thread reader([&] { got = read_partial(room); });
-        {
-            Interrupter interrupter(reader.native_handle());
-            kiv_sim_wait_calls(KIV_SIM_READ, before + 3);
-        }
-        controller_sends(event(1));
-        reader.join();
-        EXPECT_EQ(got, event(1));
-    }
-}
-
 TEST_F(OpenHci, AReaderAndAWriterDoNotDisturbEachOther) {
     constexpr std::size_t rounds = 400;
     std::atomic<std::size_t> echoed{0};
@@ -430,6 +327,77 @@ TEST_F(OpenHci, AReaderAndAWriterDoNotDisturbEachOther) {
     writer.join();
     EXPECT_EQ(state_of().lost, 0u);
 }
+
+// Every step that fails --------------------------------------------------------------------------------
+
+UART_infos swept_port;
+char buffer[2000];
+unsigned int length;
+
+int open_swept() {
+    return sup_uart_Init2(&swept_port, "hci0", 0, 0, nullptr);
+}
+// With a packet to read.
+void open_with_packet() {
+    EXPECT_EQ(open_swept(), 0);
+    controller_sends(event(1));
+}
+void close_swept() {
+    if (swept_port.magic == UART_MAGIC)
+        sup_uart_close(&swept_port);
+    packets_of_host();
+}
+int write_swept() {
+    return sup_uart_Send(&swept_port, hci_reset.data(), 4);
+}
+int write_gathered() {
+    const iovec piece = {const_cast<std::uint8_t *>(hci_reset.data()), 4};
+    return sup_uart_Sendv(&swept_port, &piece, 1, &length);
+}
+
+Outcome failed_opening(kiv_sim_call call, unsigned nth, int error) {
+    switch (call) {
+    case KIV_SIM_SOCKET:
+        return {error,
+                {device_trace("fd = socket(31, SOCK_RAW, 1)", error), opening_trace(no_device, error)}};
+    case KIV_SIM_BIND:
+        return {error,
+                {device_trace("ret = bind(fd, (struct sockaddr *) &addr, sizeof(addr))", error),
+                 opening_trace(no_device, error)}};
+    case KIV_SIM_SETSOCKOPT:
+        return {error,
+                {opening_trace("ret = setsockopt(UART_infos->fd, 0, 2, &filter, sizeof(filter))", error)}};
+    default: // down, raw mode, up
+        if (nth == 2)
+            return {error, {opening_trace(request_text(220, "1"), error), raw_assertion}};
+        return {error, {opening_trace(request_text(nth == 1 ? 202 : 201, "dev_id"), error)}};
+    }
+}
+
+const Scene opened = {open_with_packet, close_swept};
+
+const SweptOperation rows[] = {
+    {"open", {[] {}, close_swept}, failed_opening, open_swept},
+    {"Read_cached", opened, repeating([](auto, auto, int error) {
+         return Outcome{error, failed_read(error)};
+     }),
+     [] { return sup_uart_Read(&swept_port, buffer, &(length = 4)); }},
+    {"Read_past_the_cache", opened, repeating([](auto, auto, int error) {
+         return Outcome{error, failed_read(error, partial)};
+     }),
+     [] { return sup_uart_Read_partial(&swept_port, buffer, &(length = 2000)); }},
+    {"Send", opened, repeating([](auto, auto, int error) {
+         return Outcome{error, failed_write(error)};
+     }),
+     write_swept},
+    {"Sendv", opened,
+     [](auto, auto, int error) {
+         return Outcome{error == EINTR ? 0 : error, failed_sendv(error)};
+     },
+     write_gathered},
+};
+
+INSTANTIATE_TEST_SUITE_P(Hci, FaultSweep, ::testing::ValuesIn(rows), row_name);
 
 } // namespace
 } // namespace kiv::test
