@@ -1,11 +1,13 @@
 // Every system call of every operation fails once with every kind of errno: the rows, an area at a time.
 
+#include <csignal>
 #include <map>
 #include <memory>
 
 #include "fixtures/fault_sweep.h"
 #include "fixtures/serial.h"
 #include "fixtures/tcp_peer.h"
+#include "fixtures/unix_service.h"
 #include "kiv/transports.h"
 
 namespace kiv::test {
@@ -222,6 +224,88 @@ const SweptOperation tcp_rows[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(Tcp, FaultSweep, ::testing::ValuesIn(tcp_rows), row_name);
+
+// Unix sockets ----------------------------------------------------------------------------------------------
+
+constexpr const char *btgpsdemux = "posix/linux_uart_btgpsdemux";
+std::unique_ptr<UnixService> service;
+std::string unix_name;
+
+void start_service() {
+    service = std::make_unique<UnixService>(own_name("swept"));
+    unix_name = "unix:" + service->name();
+    service->start();
+    kiv_sim_answer(KIV_SIM_USLEEP, 1, KIV_SIM_ALWAYS, 0); // pauses are skipped
+}
+void stop_service() {
+    close_port();
+    service.reset();
+}
+int open_unix() {
+    return sup_uart_Init(&port, unix_name.c_str(), 0, 0);
+}
+int open_demultiplexer() {
+    ::signal(SIGPIPE, SIG_IGN);
+    sup_uart_Prepare(&port, nullptr);
+    return sup_uart_Opened(&port, pos_btgpsdemux_open(&port, service->name().c_str()));
+}
+
+// With a port whose connection is lost, and a service that is there again.
+void lose_unix() {
+    start_service();
+    EXPECT_EQ(open_unix(), 0);
+    ::shutdown(port.fd, SHUT_RDWR);
+    EXPECT_EQ(sup_uart_Send(&port, buffer, 1), 0);
+}
+void lose_demultiplexer() {
+    start_service();
+    EXPECT_EQ(open_demultiplexer(), 0);
+    ::shutdown(port.fd, SHUT_RDWR); // which the next write notices
+}
+
+const Texts unix_texts = {
+    {KIV_SIM_SOCKET, {"UART_infos->fd= socket(1, SOCK_STREAM, 0)"}},
+    {KIV_SIM_SETSOCKOPT, {"ret = setsockopt(UART_infos->fd, 1, 2, &opt, sizeof(opt))"}}};
+const char *const text_of_socket = "fd = socket(1, SOCK_STREAM, 0)";
+const Texts demultiplexer_texts = {
+    {KIV_SIM_SOCKET, {"UART_infos->fd = socket(1, SOCK_STREAM, 0)", text_of_socket}}};
+
+// Nobody may be listening yet.
+Status connecting(kiv_sim_call call, unsigned, int error) {
+    return {call == KIV_SIM_CONNECT || call == KIV_SIM_CLOSE ? 0 : error, false};
+}
+
+// The one failure that reaches the caller.
+Outcome without_socket(kiv_sim_call call, unsigned, int error) {
+    if (call != KIV_SIM_SOCKET)
+        return {0};
+    Outcome outcome = {error,
+                       {trace(btgpsdemux, "btgpsdemux_reconnect", text_of_socket, error),
+                        trace(uart, "sup_uart_Send", text_of_write, error), warned(uart, "sup_uart_Send")}};
+    if (error == EINTR) { // made again
+        outcome.status = 0;
+        outcome.reported.pop_back();
+    }
+    return outcome;
+}
+
+const SweptOperation unix_rows[] = {
+    {"open",
+     {start_service, stop_service},
+     tracing("posix/linux_uart_unix", {"pos_open_unix"}, unix_texts, connecting),
+     open_unix},
+    {"lost_Send", {lose_unix, stop_service}, unnoticed, [] { return sup_uart_Send(&port, buffer, 8); }},
+    {"open_demultiplexer",
+     {start_service, stop_service},
+     tracing(btgpsdemux, {"pos_btgpsdemux_open"}, demultiplexer_texts, connecting),
+     open_demultiplexer},
+    {"lost_demultiplexer_Send",
+     {lose_demultiplexer, stop_service},
+     without_socket,
+     [] { return sup_uart_Send(&port, buffer, 8); }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Unix, FaultSweep, ::testing::ValuesIn(unix_rows), row_name);
 
 } // namespace
 } // namespace kiv::test
