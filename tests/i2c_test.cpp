@@ -203,25 +203,6 @@ TEST_F(I2c, ReturnsAShortCountAsItIs) {
     }
 }
 
-TEST_F(I2c, RefusesNullPointers) {
-    const auto refused = [](const std::string &function, const std::string &argument) {
-        return asserted(module_path, function, "(" + argument + ") != ((void *)0)");
-    };
-    kiv_i2c_close(nullptr);
-    EXPECT_EQ(kiv_i2c_open(nullptr, nullptr, 0x50), EINVAL);
-    EXPECT_EQ(kiv_i2c_tx(nullptr, contents_.data(), 1), 0);
-    EXPECT_EQ(kiv_i2c_tx(&clock_, nullptr, 1), 0);
-    EXPECT_EQ(kiv_i2c_rx(nullptr, contents_.data(), 1), 0);
-    EXPECT_EQ(kiv_i2c_rx(&clock_, nullptr, 0), 0);
-    EXPECT_EQ(kiv_i2c_msg(nullptr, pair_, 2), EINVAL);
-    EXPECT_EQ(kiv_i2c_msg(&clock_, nullptr, 99), EINVAL);
-    EXPECT_EQ(bus().transfers, 0U);
-    EXPECT_EQ(reports(), (Reports{refused("kiv_i2c_close", "device"), refused("kiv_i2c_open", "device"),
-                                  refused("kiv_i2c_tx", "device"), refused("kiv_i2c_tx", "tx_data"),
-                                  refused("kiv_i2c_rx", "device"), refused("kiv_i2c_rx", "rx_data"),
-                                  refused("kiv_i2c_msg", "device"), refused("kiv_i2c_msg", "msgs")}));
-}
-
 // Combined transfers --------------------------------------------------------------------------------------
 
 TEST_F(I2c, ReadsRegistersInOneSystemCall) {

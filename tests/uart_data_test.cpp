@@ -389,45 +389,6 @@ TEST_F(UartData, ATimedReadEndsWithItsDescriptor) {
     EXPECT_EQ(got(), "x");
 }
 
-// Records that are none -------------------------------------------------------------------------------------
-
-TEST_F(UartData, NullAndNeverOpenedRecordsAreSurvived) {
-    const iovec piece = {buffer_, 1};
-    unsigned int count = 0;
-    constexpr int nobodys = 1000; // the 0 of a cleared record would be the terminal of whoever runs this
-    const int refusal =
-        error_of(::ioctl(nobodys, get_settings, buffer_)); // an emulator knows no such request
-    const struct {
-        const char *function;
-        std::function<int(UART_infos *)> call;
-        int status = EBADF; // of a record that was never opened
-    } rows[] = {
-        {"sup_uart_Read", [&](auto *p) { return sup_uart_Read(p, buffer_, &(length_ = 1)); }},
-        {"sup_uart_Read_partial", [&](auto *p) { return sup_uart_Read_partial(p, buffer_, &(length_ = 1)); }},
-        {timed, [&](auto *p) { return read_timed(p, buffer_, &(length_ = 1)); }},
-        {"sup_uart_Send", [&](auto *p) { return sup_uart_Send(p, "", 1); }},
-        {"sup_uart_Sendv", [&](auto *p) { return sup_uart_Sendv(p, &piece, 1, &(count = 77)); }},
-        {"sup_uart_Change_Speed", [](auto *p) { return sup_uart_Change_Speed(p, 9); }},
-        {"sup_uart_Flush", [](auto *p) { return sup_uart_Flush(p, 0); }, -1},
-        {"sup_uart_RTS_Enable", [](auto *p) { return sup_uart_RTS_Enable(p, 0); }, refusal},
-        {"sup_uart_Stop_UART", sup_uart_Stop_UART},
-        {"sup_uart_close", sup_uart_close, -1},
-    };
-    for (const auto &[function, call, status] : rows) {
-        SCOPED_TRACE(function);
-        EXPECT_EQ(call(nullptr), EINVAL);
-        EXPECT_EQ(count, 0U);
-        EXPECT_EQ(reports(), Reports({asserted(uart, function, "(UART_infos) != ((void *)0)")}));
-        port_ = {};
-        port_.fd = nobodys;
-        EXPECT_EQ(call(&port_), status);
-        count = 0;
-        EXPECT_EQ(reports().at(0), std::string(function) == "sup_uart_close"
-                                       ? warned(uart, function) // closing does not look at the magic
-                                       : asserted(uart, function, "UART_infos->magic == 0xc0decafe"));
-    }
-}
-
 // A bad magic is reported and no more.
 TEST_F(UartData, BadMagicChangesNothingElse) {
     open();

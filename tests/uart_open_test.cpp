@@ -16,17 +16,6 @@ class UartOpen : public SerialTest {
     }
 };
 
-TEST_F(UartOpen, NullArgumentsAreRefusedAndLeaveTheRecordAlone) {
-    UART_infos before;
-    std::memset(&before, 0x5A, sizeof before);
-    port_ = before;
-    EXPECT_EQ(sup_uart_Init(nullptr, nullptr, 9, 0), EINVAL);
-    EXPECT_EQ(sup_uart_Init(&port_, nullptr, 9, 0), EINVAL);
-    EXPECT_EQ(std::memcmp(&port_, &before, sizeof before), 0);
-    EXPECT_EQ(reports(), Reports({asserted(uart, "sup_uart_Init2", "(UART_infos) != ((void *)0)"),
-                                  asserted(uart, "sup_uart_Init2", "(device_name) != ((void *)0)")}));
-}
-
 TEST_F(UartOpen, NameSelectsTheTransport) {
     std::memset(&port_, 0x5A, sizeof port_);
     EXPECT_EQ(sup_uart_Init(&port_, "tcpout:127.0.0.1:1", 9, 0), ENODEV);

@@ -1,0 +1,116 @@
+// Arguments that are none: null pointers, to every function that looks at them, and records that were never
+// opened.
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+
+#include "fixtures/serial.h"
+#include "kiv/i2c.h"
+#include "kiv/transports.h"
+
+namespace kiv::test {
+namespace {
+
+class Arguments : public SerialTest {};
+
+char byte;
+unsigned int count;
+kiv_i2c_device slave;
+kiv_i2c_message message = {};
+const iovec piece = {&byte, 1};
+
+// The calls of a serial port's record, and what they give for one that was never opened.
+const struct PortCall {
+    const char *function;
+    int (*call)(UART_infos *port);
+    int status = EBADF;
+} port_calls[] = {
+    {"sup_uart_Read", [](UART_infos *port) { return sup_uart_Read(port, &byte, &(count = 1)); }},
+    {"sup_uart_Read_partial",
+     [](UART_infos *port) { return sup_uart_Read_partial(port, &byte, &(count = 1)); }},
+    {"sup_uart_Read_partial_timeout",
+     [](UART_infos *port) { return sup_uart_Read_partial_timeout(port, &byte, &(count = 1), 0); }},
+    {"sup_uart_Send", [](UART_infos *port) { return sup_uart_Send(port, "", 1); }},
+    {"sup_uart_Sendv", [](UART_infos *port) { return sup_uart_Sendv(port, &piece, 1, &count); }},
+    {"sup_uart_Change_Speed", [](UART_infos *port) { return sup_uart_Change_Speed(port, 9); }},
+    {"sup_uart_Change_Parity", [](UART_infos *port) { return sup_uart_Change_Parity(port, 0); }},
+    {"sup_uart_Change_StopBitsNumber",
+     [](UART_infos *port) { return sup_uart_Change_StopBitsNumber(port, 0); }},
+    {"sup_uart_Flush", [](UART_infos *port) { return sup_uart_Flush(port, 0); }, -1},
+    {"sup_uart_RTS_Enable", [](UART_infos *port) { return sup_uart_RTS_Enable(port, 0); }},
+    {"sup_uart_Stop_UART", sup_uart_Stop_UART},
+    {"sup_uart_close", sup_uart_close, -1},
+};
+
+TEST_F(Arguments, NullPointersAreRefused) {
+    for (const auto &[function, call, status] : port_calls) {
+        EXPECT_EQ(call(nullptr), EINVAL) << function;
+        EXPECT_EQ(reports(), Reports({asserted(uart, function, "(UART_infos) != ((void *)0)")}));
+    }
+    const char *const i2c = "linux/i2c", *const unix_port = "posix/linux_uart_unix",
+                      *const tcp = "posix/linux_uart_tcp", *const hci = "linux/linux_uart_bt";
+    const struct {
+        const char *module, *function, *argument;
+        std::function<int()> call;
+        int status = EINVAL;
+    } rows[] = {
+        {uart, "sup_uart_Init2", "UART_infos", [] { return sup_uart_Init(nullptr, nullptr, 9, 0); }},
+        {uart, "sup_uart_Init2", "device_name", [this] { return sup_uart_Init(&port_, nullptr, 9, 0); }},
+        {tcp, "pos_open_tcp", "UART_infos", [] { return pos_open_tcp(nullptr, "tcp:", 0); }},
+        {tcp, "pos_open_tcp", "device_name", [this] { return pos_open_tcp(&port_, nullptr, 0); }},
+        {tcp, "pos_open_tcp_client", "UART_infos",
+         [] { return pos_open_tcp_client(nullptr, "tcpout:127.0.0.1:1", 0); }},
+        {tcp, "pos_open_tcp_client", "device_name",
+         [this] { return pos_open_tcp_client(&port_, nullptr, 0); }},
+        {tcp, "pos_close_tcp_client", "UART_infos", [] { return pos_close_tcp_client(nullptr); }},
+        {unix_port, "pos_open_unix", "UART_infos", [] { return pos_open_unix(nullptr, "unix:@x", 0); }},
+        {unix_port, "pos_open_unix", "device_name", [this] { return pos_open_unix(&port_, nullptr, 0); }},
+        {hci, "pos_open_bt", "UART_infos", [] { return pos_open_bt(nullptr, "hci0", 0); }},
+        {hci, "pos_open_bt", "device_name", [this] { return pos_open_bt(&port_, nullptr, 0); }},
+        {i2c, "kiv_i2c_close", "device", [] { return kiv_i2c_close(nullptr), 0; }, 0},
+        {i2c, "kiv_i2c_open", "device", [] { return kiv_i2c_open(nullptr, nullptr, 0x50); }},
+        {i2c, "kiv_i2c_tx", "device", [] { return kiv_i2c_tx(nullptr, &byte, 1); }, 0},
+        {i2c, "kiv_i2c_tx", "tx_data", [] { return kiv_i2c_tx(&slave, nullptr, 1); }, 0},
+        {i2c, "kiv_i2c_rx", "device", [] { return kiv_i2c_rx(nullptr, &byte, 1); }, 0},
+        {i2c, "kiv_i2c_rx", "rx_data", [] { return kiv_i2c_rx(&slave, nullptr, 0); }, 0},
+        {i2c, "kiv_i2c_msg", "device", [] { return kiv_i2c_msg(nullptr, &message, 1); }},
+        {i2c, "kiv_i2c_msg", "msgs", [] { return kiv_i2c_msg(&slave, nullptr, 99); }},
+        // These report nothing.
+        {nullptr, nullptr, nullptr, [] { return pos_btgpsdemux_open(nullptr, "@gps"); }, -EINVAL},
+        {nullptr, nullptr, nullptr, [this] { return pos_btgpsdemux_open(&port_, nullptr); }, -EINVAL},
+        {nullptr, nullptr, nullptr, [] { return get_product_name(nullptr, 8); }, -EINVAL},
+    };
+    UART_infos before;
+    std::memset(&before, 0x5A, sizeof before);
+    port_ = before;
+    for (const auto &[module, function, argument, call, status] : rows) {
+        SCOPED_TRACE(&module - &rows[0].module);
+        EXPECT_EQ(call(), status);
+        Reports expected;
+        if (module != nullptr)
+            expected = {asserted(module, function, "(" + std::string(argument) + ") != ((void *)0)")};
+        EXPECT_EQ(reports(), expected);
+    }
+    EXPECT_EQ(std::memcmp(&port_, &before, sizeof before), 0) << "the record is left alone";
+    for (const kiv_sim_call call : {KIV_SIM_OPEN, KIV_SIM_SOCKET, KIV_SIM_FOPEN, KIV_SIM_IOCTL})
+        EXPECT_EQ(kiv_sim_calls(call), 0U) << kiv_sim_call_name(call);
+}
+
+TEST_F(Arguments, RecordsThatWereNeverOpenedAreSurvived) {
+    constexpr int nobodys = 1000; // the 0 of a cleared record would be the terminal of whoever runs this
+    const int refusal = error_of(::ioctl(nobodys, get_settings, &byte)); // an emulator knows no such request
+    for (const auto &[function, call, status] : port_calls) {
+        SCOPED_TRACE(function);
+        port_ = {};
+        port_.fd = nobodys;
+        const bool is_request = function == std::string("sup_uart_RTS_Enable");
+        EXPECT_EQ(call(&port_), is_request ? refusal : status);
+        EXPECT_EQ(reports().at(0), std::string(function) == "sup_uart_close"
+                                       ? warned(uart, function) // closing does not look at the magic
+                                       : asserted(uart, function, "UART_infos->magic == 0xc0decafe"));
+    }
+}
+
+} // namespace
+} // namespace kiv::test
