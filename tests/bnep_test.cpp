@@ -330,7 +330,7 @@ TEST_F(Bnep, TriesBothDevices) {
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
-        begin(row.net_tun, row.dev_tun, 3);
+        begin(row.net_tun, row.dev_tun);
         ASSERT_EQ(kiv_bnep_set_sender(record_step, row.address), 0);
         if (row.exists) { // carries on with the interface, whatever its address
             wait_for_tap([](const kiv_sim_tap_state *state, void *) { return state->exists; });

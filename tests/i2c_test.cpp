@@ -3,15 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <vector>
 
-#include "fixtures/log_capture.h"
-#include "fixtures/signal.h"
+#include "fixtures/fault_sweep.h"
 #include "kiv/i2c.h"
 #include "kiv/platform.h"
 
@@ -25,6 +22,9 @@ using Bytes = std::vector<std::uint8_t>;
 Reports traced_and_warned(const std::string &function, const std::string &text, int error) {
     return {trace(module_path, function, text, error), warned(module_path, function)};
 }
+
+const std::string text_of_open = "fd = open(name,02)";
+const std::string text_of_address = "ret = ioctl(fd,0x0706,address)";
 
 std::string failed_request(int error) {
     return trace(module_path, "kiv_i2c_msg", "ret = ioctl(device->fd, 0x0707, &msg_rdwr)", error);
@@ -57,51 +57,34 @@ TEST_F(I2cOpening, ClearsTheRecordAndBindsTheAddressEvenOfADriver) {
     EXPECT_EQ(device_.address, 0x68U) << "closing leaves the record as it is";
 }
 
-TEST_F(I2cOpening, FailsStepByStepAndLeavesNothing) {
-    const Reports unsupported = {logged(1, "usb-i2c support is not enabled\n"),
-                                 warned(module_path, "kiv_i2c_open")};
-    const auto failed = [](const std::string &text, int error) {
-        return traced_and_warned("kiv_i2c_open", text, error);
-    };
+TEST_F(I2cOpening, RefusesBusesAndAddressesThatAreNone) {
     const struct {
         const char *name;
         unsigned address;
-        kiv_sim_call call;
-        int injected, status;
+        int status;
         Reports expected;
     } rows[] = {
-        {"/dev/usb-i2c", 0x50, KIV_SIM_OPEN, 0, ENODEV, unsupported},
-        {"/dev/usb-i2c1", 0x50, KIV_SIM_OPEN, 0, ENOENT, failed("fd = open(name,02)", ENOENT)},
-        {nullptr, 0x50, KIV_SIM_OPEN, EINTR, EINTR, failed("fd = open(name,02)", EINTR)},
-        {nullptr, 0x80, KIV_SIM_IOCTL, 0, EINVAL, failed("ret = ioctl(fd,0x0706,address)", EINVAL)},
-        {nullptr, 0x50, KIV_SIM_IOCTL, EINTR, EINTR, failed("ret = ioctl(fd,0x0706,address)", EINTR)},
+        {"/dev/usb-i2c",
+         0x50,
+         ENODEV,
+         {logged(1, "usb-i2c support is not enabled\n"), warned(module_path, "kiv_i2c_open")}},
+        {"/dev/usb-i2c1", 0x50, ENOENT, traced_and_warned("kiv_i2c_open", text_of_open, ENOENT)},
+        {nullptr, 0x80, EINVAL, traced_and_warned("kiv_i2c_open", text_of_address, EINVAL)},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.expected[0]);
-        if (row.injected != 0)
-            kiv_sim_fail(row.call, 1, 1, row.injected);
         EXPECT_EQ(kiv_i2c_open(&device_, row.name, row.address), row.status);
         const kiv_i2c_device zero = {};
         EXPECT_EQ(std::memcmp(&device_, &zero, sizeof zero), 0);
         EXPECT_EQ(reports(), row.expected);
     }
-    kiv_log_dyn_level_POS = 0;
-    EXPECT_EQ(kiv_i2c_open(&device_, "/dev/usb-i2c", 0x50), ENODEV);
-    kiv_log_dyn_level_POS = 3;
-    EXPECT_EQ(reports(), Reports{warned(module_path, "kiv_i2c_open")});
 }
 
-TEST_F(I2cOpening, ReportsAFailedCloseOnce) {
-    ASSERT_EQ(kiv_i2c_open(&device_, nullptr, 0x50), 0);
-    kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EINTR);
-    kiv_i2c_close(&device_);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_CLOSE), 1U);
-    EXPECT_EQ(reports(), traced_and_warned("kiv_i2c_close", "ret = close(device->fd)", EINTR));
+TEST_F(I2cOpening, AFailureToCloseWithoutAnErrorIsNone) {
     ASSERT_EQ(kiv_i2c_open(&device_, nullptr, 0x50), 0);
     kiv_sim_answer(KIV_SIM_CLOSE, 1, 1, -1);
     errno = 0;
     kiv_i2c_close(&device_);
-    EXPECT_EQ(reports(), Reports()) << "a failure without an error";
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_CLOSE), 1U);
 }
 
 // Transfers -----------------------------------------------------------------------------------------------
@@ -154,7 +137,7 @@ TEST_F(I2c, WritesAPageAndPollsUntilItIsThere) {
 // An interruption is no licence for what follows it.
 TEST_F(I2c, ReportsEveryFailureButAnAbsentSlaveAndMovesNothing) {
     for (const Way &way : ways)
-        for (const int error : {EREMOTEIO, ENXIO, EAGAIN})
+        for (const int error : {EREMOTEIO, ENXIO})
             for (const unsigned interruptions : {0U, 3U}) {
                 SCOPED_TRACE(std::string(way.function) + ": " + std::strerror(error));
                 kiv_sim_clear_faults(); // only so many can be armed
@@ -169,29 +152,6 @@ TEST_F(I2c, ReportsEveryFailureButAnAbsentSlaveAndMovesNothing) {
                     expected.push_back(trace(module_path, way.function, way.text, error));
                 EXPECT_EQ(reports(), expected);
             }
-}
-
-TEST_F(I2c, GoesOnAfterRealSignals) {
-    struct sigaction ignored = {};
-    ignored.sa_handler = [](int) {};
-    ASSERT_EQ(::sigaction(SIGUSR1, &ignored, nullptr), 0);
-    for (const Way &way : ways) {
-        kiv_sim_i2c_hold(1);
-        int32_t moved = 0;
-        std::thread user([&] { moved = way.move(&clock_, contents_.data(), 1); });
-        // Until the next attempt has begun and no longer, so that the reports of all of them have room.
-        for (unsigned begun = 1; begun < 4; ++begun) {
-            kiv_sim_wait_calls(way.call, begun);
-            while (kiv_sim_calls(way.call) == begun) {
-                ::pthread_kill(user.native_handle(), SIGUSR1);
-                ::sched_yield();
-            }
-        }
-        kiv_sim_i2c_hold(0);
-        user.join();
-        EXPECT_EQ(moved, 1);
-        EXPECT_EQ(reports(), way.interrupted(kiv_sim_calls(way.call) - 1));
-    }
 }
 
 TEST_F(I2c, ReturnsAShortCountAsItIs) {
@@ -251,18 +211,6 @@ TEST_F(I2c, TakesUpToTwentyMessages) {
     }
 }
 
-TEST_F(I2c, ASignalEndsACombinedTransfer) {
-    kiv_sim_i2c_hold(1);
-    std::thread([&] {
-        Interrupter interrupter(::pthread_self());
-        EXPECT_EQ(kiv_i2c_msg(&clock_, pair_, 2), EINTR);
-        interrupter.stop();
-    }).join();
-    kiv_sim_i2c_hold(0);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_IOCTL), 3U) << "two openings and one transfer";
-    EXPECT_EQ(reports(), Reports{failed_request(EINTR)});
-}
-
 // Operations of the record's own --------------------------------------------------------------------------
 
 // The last call: the device, the data, the count.
@@ -312,6 +260,57 @@ TEST_F(I2c, NeedsTxToBeServedAndCloseByItself) {
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_CLOSE), 0U);
     clock_.close = nullptr;
 }
+
+// Every step that fails -----------------------------------------------------------------------------------
+
+kiv_i2c_device swept;
+std::uint8_t byte;
+kiv_i2c_message one_message = {&byte, 1, KIV_I2C_READ};
+
+void open_swept() {
+    EXPECT_EQ(kiv_i2c_open(&swept, nullptr, KIV_SIM_I2C_CLOCK), 0);
+}
+void close_swept() {
+    if (swept.fd != 0)
+        kiv_i2c_close(&swept);
+    swept = {};
+}
+
+Outcome failed_opening(kiv_sim_call call, unsigned, int error) {
+    return {error,
+            traced_and_warned("kiv_i2c_open", call == KIV_SIM_OPEN ? text_of_open : text_of_address, error)};
+}
+Outcome failed_closing(kiv_sim_call, unsigned, int error) {
+    return {0, traced_and_warned("kiv_i2c_close", "ret = close(device->fd)", error)};
+}
+// A transfer that was interrupted is made again, and both are traced.
+template <int way>
+Outcome failed_transfer(kiv_sim_call, unsigned, int error) {
+    return {error == EINTR ? 0 : -1, {trace(module_path, ways[way].function, ways[way].text, error)}};
+}
+template <int way>
+int transfer() {
+    return ways[way].move(&swept, &byte, 1) == 1 ? 0 : -1;
+}
+
+const Scene opened = {open_swept, close_swept};
+
+const SweptOperation rows[] = {
+    {"open",
+     {[] {}, close_swept},
+     failed_opening,
+     [] { return kiv_i2c_open(&swept, nullptr, KIV_SIM_I2C_CLOCK); }},
+    {"close", {open_swept, [] { swept = {}; }}, failed_closing, [] { return kiv_i2c_close(&swept), 0; }},
+    {"tx", opened, failed_transfer<0>, transfer<0>},
+    {"rx", opened, failed_transfer<1>, transfer<1>},
+    {"msg", opened,
+     [](auto, auto, int error) {
+         return Outcome{error, {failed_request(error)}};
+     },
+     [] { return kiv_i2c_msg(&swept, &one_message, 1); }},
+};
+
+INSTANTIATE_TEST_SUITE_P(I2c, FaultSweep, ::testing::ValuesIn(rows), row_name);
 
 } // namespace
 } // namespace kiv::test

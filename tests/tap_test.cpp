@@ -2,10 +2,9 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <thread>
 
+#include "fixtures/fault_sweep.h"
 #include "fixtures/netns.h"
-#include "fixtures/signal.h"
 #include "fixtures/tap.h"
 
 namespace kiv::test {
@@ -40,14 +39,14 @@ class Tap : public TapBoardTest {
 
 // Opening ------------------------------------------------------------------------------------------------
 
-TEST_F(Tap, OpensTheFirstDeviceThatThereIsAndReportsByLevel) {
+TEST_F(Tap, OpensTheFirstDeviceThatThereIs) {
     const struct {
         const char *what;
         kiv_sim_tun_node net_tun, dev_tun;
         const std::uint8_t *address;
         int result;
         unsigned opens;
-        Reports all; // at level 3
+        Reports reported;
     } rows[] = {
         {"first", present, present, station, 0, 1, on_net_tun},
         {"second", absent, present, station, 0, 2, on_dev_tun},
@@ -55,33 +54,20 @@ TEST_F(Tap, OpensTheFirstDeviceThatThereIsAndReportsByLevel) {
         {"a refused name", forbidden, present, station, -19, 1, joined({on_net_tun, refused_name})},
         {"a refused address", present, absent, group, -19, 1, joined({on_net_tun, refused_group})},
     };
-    for (const auto &row : rows)
-        for (int level = 0; level <= 3; ++level) {
-            SCOPED_TRACE(std::string(row.what) + ", level " + std::to_string(level));
-            begin(row.net_tun, row.dev_tun, level);
-            std::int32_t fd = untouched;
-            EXPECT_EQ(kiv_eth_open(&fd, "kiv0", row.address), row.result);
-            EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), row.opens);
-            EXPECT_EQ(reports(), at_level(level, row.all));
-            if (row.result == 0) {
-                EXPECT_EQ(address_in(tap_state("kiv0")), station_bytes);
-                EXPECT_EQ(kiv_eth_close(&fd), 0);
-            } else {
-                EXPECT_EQ(fd, untouched);
-            }
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        begin(row.net_tun, row.dev_tun);
+        std::int32_t fd = untouched;
+        EXPECT_EQ(kiv_eth_open(&fd, "kiv0", row.address), row.result);
+        EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), row.opens);
+        EXPECT_EQ(reports(), row.reported);
+        if (row.result == 0) {
+            EXPECT_EQ(address_in(tap_state("kiv0")), station_bytes);
+            EXPECT_EQ(kiv_eth_close(&fd), 0);
+        } else {
+            EXPECT_EQ(fd, untouched);
         }
-}
-
-TEST_F(Tap, RepeatsNothingOfAnInterruptedOpening) {
-    std::int32_t fd = untouched;
-    kiv_sim_fail(KIV_SIM_OPEN, 1, 2, EINTR);
-    EXPECT_EQ(kiv_eth_open(&fd, "kiv0", station), -19);
-    for (const unsigned request : {1u, 2u}) {
-        kiv_sim_fail(KIV_SIM_IOCTL, request, 1, EINTR);
-        EXPECT_EQ(kiv_eth_open(&fd, "kiv0", station), -19);
     }
-    EXPECT_EQ(reports(), joined({on_net_tun, refused_name, on_net_tun,
-                                 refused_address("MAC address = ", "02 11 22 33 44 AF ")}));
 }
 
 TEST_F(Tap, CutsLongNamesAndRefusesTakenOnes) {
@@ -90,9 +76,7 @@ TEST_F(Tap, CutsLongNamesAndRefusesTakenOnes) {
     EXPECT_EQ(tap_state("abcdefghijklmno").exists, 1);
     EXPECT_EQ(kiv_eth_open(&fd_, "abcdefghijklmnoX", station), -19);
     EXPECT_EQ(reports(), joined({on_net_tun, on_net_tun, refused_name}));
-    kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EIO);
-    EXPECT_EQ(kiv_eth_close(&first), -1);
-    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(kiv_eth_close(&first), 0);
     EXPECT_EQ(tap_state("abcdefghijklmno").exists, 0);
 }
 
@@ -130,7 +114,7 @@ TEST_F(Tap, WritesHeaderAndPayloadAsOneFrame) {
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_WRITEV), 2u);
 }
 
-TEST_F(Tap, RepeatsInterruptedTransfersAndNamesOtherErrors) {
+TEST_F(Tap, RepeatsInterruptedTransfers) {
     open_up();
     send_from_kernel("kiv0", frame_of(60, experimental));
     kiv_sim_fail(KIV_SIM_READV, 1, 3, EINTR);
@@ -138,25 +122,6 @@ TEST_F(Tap, RepeatsInterruptedTransfersAndNamesOtherErrors) {
     EXPECT_EQ(read(), 46);
     EXPECT_EQ(write(), 46);
     EXPECT_EQ(kiv_sim_faults_fired(), 6u);
-    for (const int error : {EIO, EAGAIN}) {
-        kiv_sim_fail(KIV_SIM_READV, 1, 1, error);
-        kiv_sim_fail(KIV_SIM_WRITEV, 1, 1, error);
-        EXPECT_EQ(read(), -error);
-        EXPECT_EQ(write(), -error);
-    }
-    kiv_sim_tap_delete("kiv0");
-    EXPECT_EQ(read(), -EBADFD);
-}
-
-TEST_F(Tap, GoesOnWaitingAfterARealSignal) {
-    open_up();
-    std::thread reader([&] { EXPECT_EQ(read(), 46); });
-    kiv_sim_wait_calls(KIV_SIM_READV, 1);
-    Interrupter signals(reader.native_handle());
-    kiv_sim_wait_calls(KIV_SIM_READV, 3); // it came back and was made again
-    signals.stop();
-    send_from_kernel("kiv0", frame_of(60, experimental));
-    reader.join();
 }
 
 // The machine's kernel -----------------------------------------------------------------------------------
@@ -194,6 +159,63 @@ TEST_F(Tap, IsAnInterfaceOfTheMachinesKernel) {
         EXPECT_EQ(read(), -EBADFD);
     }
 }
+
+// Every step that fails ----------------------------------------------------------------------------------
+
+std::int32_t swept;
+std::uint8_t room[KIV_ETH_HEADER_SIZE + 46];
+
+void set_up_board() {
+    kiv_sim_tun_set_node(KIV_SIM_NET_TUN, present);
+    kiv_sim_tun_set_node(KIV_SIM_DEV_TUN, absent);
+    kiv_log_dyn_level_POS = 1;
+    swept = untouched;
+}
+int open_swept() {
+    return kiv_eth_open(&swept, "kiv0", station);
+}
+void open_with_frame() {
+    set_up_board();
+    EXPECT_EQ(open_swept(), 0);
+    kiv_sim_tap_set_up("kiv0", 1);
+    send_from_kernel("kiv0", frame_of(60, experimental));
+}
+void close_swept() {
+    if (swept != untouched)
+        kiv_eth_close(&swept);
+    kiv_log_dyn_level_POS = 3;
+}
+
+Outcome failed_opening(kiv_sim_call call, unsigned nth, int) {
+    if (call == KIV_SIM_OPEN)
+        return {-ENODEV};
+    return {-ENODEV, nth == 1 ? refused_name : refused_address("MAC address = ", "02 11 22 33 44 AF ")};
+}
+Outcome failed_transfer(kiv_sim_call, unsigned, int error) {
+    return {-error};
+}
+
+const Scene opened = {open_with_frame, close_swept};
+
+const SweptOperation rows[] = {
+    {"open", {set_up_board, close_swept}, failed_opening, open_swept},
+    {"close",
+     {open_with_frame, [] { swept = untouched; }},
+     [](auto, auto, auto) { return Outcome{-1}; },
+     [] { return kiv_eth_close(&swept); }},
+    {"read", opened, repeating(failed_transfer),
+     [] {
+         const int got = kiv_eth_read(&swept, room, room + KIV_ETH_HEADER_SIZE, 46);
+         return got == 46 ? 0 : got;
+     }},
+    {"write", opened, repeating(failed_transfer),
+     [] {
+         const int got = kiv_eth_write(&swept, room, room + KIV_ETH_HEADER_SIZE, 46);
+         return got == 46 ? 0 : got;
+     }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Tap, FaultSweep, ::testing::ValuesIn(rows), row_name);
 
 } // namespace
 } // namespace kiv::test
