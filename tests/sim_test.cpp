@@ -1,5 +1,7 @@
-// The board's frame, proven by the system calls themselves: which calls it takes, changes and passes on.
+// The board's frame, for programs of all kinds: what the tests of the library's ports do not show.
 
+#include <asm/ioctls.h>
+#include <asm/termbits.h>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
@@ -11,8 +13,8 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -24,7 +26,7 @@ namespace {
 // An errno that none of the calls here gives by itself.
 constexpr int unreal = EL2HLT;
 
-class SimFaults : public BoardTest {};
+class Sim : public BoardTest {};
 
 extern "C" {
 int __open_2(const char *path, int flags);
@@ -65,7 +67,7 @@ const struct Spelling {
      [] { return (errno = ::clock_nanosleep(CLOCK_MONOTONIC, 0, &no_time, nullptr)) != 0; }},
 };
 
-TEST_F(SimFaults, EverySpellingIsCountedAndFailsOnceWithTheErrnoAskedFor) {
+TEST_F(Sim, EverySpellingIsCountedAndFailsOnceWithTheErrnoAskedFor) {
     for (const auto &[kind, fails] : spellings) {
         SCOPED_TRACE(kiv_sim_call_name(kind));
         const auto failure = [call = fails] {
@@ -83,74 +85,7 @@ TEST_F(SimFaults, EverySpellingIsCountedAndFailsOnceWithTheErrnoAskedFor) {
     }
 }
 
-// Several count the same calls, and the older one wins.
-TEST_F(SimFaults, ChangeTheNthCallSoManyTimes) {
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_LISTEN, 2, 1, unreal), 0);
-    ASSERT_EQ(kiv_sim_answer(KIV_SIM_LISTEN, 1, 3, 7), 0);
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_LISTEN, 6, KIV_SIM_ALWAYS, unreal), 0);
-    std::string seen;
-    for (int i = 0; i < 8; ++i) {
-        const int answer = ::listen(-1, 1);
-        seen += answer == 7 ? '7' : errno == unreal ? 'x' : '.';
-    }
-    EXPECT_EQ(seen, "7x7..xxx");
-    EXPECT_EQ(kiv_sim_faults_fired(), 6U);
-}
-
-TEST_F(SimFaults, CanBeBoundToARequestOrAThread) {
-    int value = 0;
-    ASSERT_EQ(kiv_sim_fail_ioctl(TIOCMGET, 1, 1, unreal), 0);
-    EXPECT_EQ(error_of(::ioctl(-1, FIONREAD, &value)), EBADF);
-    EXPECT_EQ(error_of(::ioctl(-1, TIOCMGET, &value)), unreal);
-
-    kiv_sim_fault mine = {};
-    mine.call = KIV_SIM_DUP;
-    mine.nth = 1;
-    mine.error = unreal;
-    mine.this_thread = 1;
-    ASSERT_EQ(kiv_sim_arm(&mine), 0);
-    std::thread([&] { ::close(::dup(STDERR_FILENO)); }).join();
-    EXPECT_EQ(kiv_sim_faults_fired(), 1U);
-    EXPECT_EQ(error_of(::dup(STDERR_FILENO)), unreal);
-}
-
-TEST_F(SimFaults, ThatMakeNoSenseAreRefused) {
-    EXPECT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 0, 1, unreal), EINVAL);
-    EXPECT_EQ(kiv_sim_answer(KIV_SIM_FOPEN, 1, 1, 1), EINVAL);
-    for (int i = 0; i < KIV_SIM_MAX_FAULTS; ++i)
-        ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, unreal), 0);
-    EXPECT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, unreal), ENOSPC);
-}
-
-TEST_F(SimFaults, AClosedDescriptorIsClosedWhateverCloseReports) {
-    const int failing = ::dup(STDERR_FILENO);
-    const int answered = ::dup(STDERR_FILENO);
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EINTR), 0);
-    ASSERT_EQ(kiv_sim_answer(KIV_SIM_CLOSE, 2, 1, 3), 0);
-    EXPECT_EQ(error_of(::close(failing)), EINTR);
-    EXPECT_EQ(::close(answered), 3);
-    EXPECT_TRUE(::fcntl(failing, F_GETFD) == -1 && ::fcntl(answered, F_GETFD) == -1);
-}
-
-TEST_F(SimFaults, AnAnsweredWaitReportsWhatItIsTold) {
-    pollfd entries[2] = {{-1, POLLIN, 0}, {-1, POLLOUT, 0}};
-    const short hung[] = {POLLERR | POLLHUP};
-    ASSERT_EQ(kiv_sim_answer_poll(1, 1, hung, 1), 0);
-    EXPECT_EQ(::poll(entries, 2, -1), 1);
-    EXPECT_TRUE(entries[0].revents == hung[0] && entries[1].revents == 0);
-    ASSERT_EQ(kiv_sim_answer(KIV_SIM_POLL, 1, 1, 0), 0);
-    EXPECT_EQ(::poll(entries, 2, -1), 0);
-    EXPECT_TRUE(entries[0].revents == 0 && entries[1].revents == 0);
-
-    fd_set writable;
-    FD_ZERO(&writable);
-    FD_SET(STDERR_FILENO, &writable);
-    ASSERT_EQ(kiv_sim_answer(KIV_SIM_SELECT, 1, 1, 0), 0);
-    EXPECT_EQ(::select(STDERR_FILENO + 1, nullptr, &writable, nullptr, nullptr), 0);
-    EXPECT_FALSE(FD_ISSET(STDERR_FILENO, &writable));
-}
-
-TEST_F(SimFaults, WhatTheBoardDoesNotKnowGoesThroughUntouched) {
+TEST_F(Sim, WhatTheBoardDoesNotKnowGoesThroughUntouched) {
     const std::string path = ::testing::TempDir() + "kiv-sim-mode";
     ::unlink(path.c_str());
     errno = unreal;
@@ -170,6 +105,46 @@ TEST_F(SimFaults, WhatTheBoardDoesNotKnowGoesThroughUntouched) {
     // Nor do faults change what is said on the standard streams.
     ASSERT_EQ(kiv_sim_fail(KIV_SIM_WRITE, 1, KIV_SIM_ALWAYS, unreal), 0);
     EXPECT_EQ(::write(STDERR_FILENO, "", 0), 0);
+}
+
+TEST_F(Sim, ACopyOfADescriptorIsTheSameDevice) {
+    const int fd = ::open("/dev/ttyKIV0", O_RDWR | O_NOCTTY);
+    const int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 100);
+    EXPECT_GE(copy, 100);
+    ::close(fd);
+    EXPECT_EQ(::write(copy, "x", 1), 1);
+    EXPECT_EQ(::dup2(STDERR_FILENO, copy), copy) << "takes the place of the copy";
+    kiv_sim_line_state state;
+    EXPECT_EQ(kiv_sim_line_inspect(0, &state), 0);
+    EXPECT_EQ(state.near_ends, 0U);
+    EXPECT_EQ(state.sent, 1U);
+    ::close(copy);
+}
+
+TEST_F(Sim, ADescriptorThatWasClosedBehindItsBackIsKnown) {
+    const int fd = ::open("/dev/ttyKIV0", O_RDWR | O_NOCTTY);
+    ASSERT_EQ(::syscall(SYS_close, fd), 0);
+    const int other = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(other, fd);
+    termios settings;
+    EXPECT_EQ(error_of(::ioctl(other, TCGETS, &settings)), ENOTTY);
+    ::close(other);
+}
+
+// What serial lines of the machine do when they are unplugged.
+TEST_F(Sim, ALineHangsUpForGood) {
+    const int fd = ::open("/dev/ttyKIV0", O_RDWR | O_NOCTTY);
+    kiv_sim_line_hang_up(0, 1);
+    pollfd entry = {fd, POLLIN, 0};
+    EXPECT_EQ(::poll(&entry, 1, 0), 1);
+    EXPECT_EQ(entry.revents, POLLIN | POLLERR | POLLHUP);
+    char got = 0;
+    EXPECT_EQ(::read(fd, &got, 1), 0);
+    EXPECT_EQ(error_of(::write(fd, "x", 1)), EIO);
+    EXPECT_EQ(error_of(::open("/dev/ttyKIV0", O_RDWR)), ENOENT);
+    kiv_sim_line_plug_in(0);
+    EXPECT_EQ(::poll(&entry, 1, 0), 1) << "an old descriptor stays as it is";
+    ::close(fd);
 }
 
 } // namespace
