@@ -13,8 +13,6 @@
 #include "fixtures/serial.h"
 #include "kiv/platform.h"
 
-extern "C" int usb_link_main(int argc, char **argv); // examples/usb_link.c
-
 namespace kiv::test {
 namespace {
 
@@ -106,20 +104,6 @@ TEST_F(UsbLink, PassesOnTheStatusOfOpeningAndStoppingAndNoOther) {
     EXPECT_EQ(kiv_usb_read(nullptr, &byte, 1), 1U);
     EXPECT_EQ(kiv_usb_close(nullptr), EINVAL);
     reports(); // the port's own
-}
-
-TEST_F(UsbLink, TheExampleExchangesALine) {
-    std::string words[] = {"usb_link", tty_path, "hello"};
-    char *arguments[] = {words[0].data(), words[1].data(), words[2].data(), nullptr};
-    ::testing::internal::CaptureStdout();
-    std::thread user([&] { EXPECT_EQ(usb_link_main(3, arguments), 0); });
-    kiv_sim_line_wait(
-        0, [](const kiv_sim_line_state *now, void *) { return now->sent == 6 ? 1 : 0; }, nullptr);
-    feed("world\nnot read");
-    user.join();
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "world\n");
-    EXPECT_EQ(sent(), "hello\n");
-    EXPECT_EQ(state().near_ends, 0U);
 }
 
 } // namespace

@@ -2,15 +2,14 @@
 // into this program, so that its back end can be selected, and put back, from here.
 
 #include <cerrno>
-#include <functional>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <unistd.h>
 #include <utility>
 
-#include "fixtures/log_capture.h"
+#include "fixtures/fault_sweep.h"
 #include "fixtures/pins.h"
-#include "fixtures/signal.h"
 #include "kiv/gpio.h"
 #include "kiv/platform.h"
 #include "linux/gpio_backend.h"
@@ -81,19 +80,10 @@ class Gpio : public LoggedBoardTest {
 
 // The device ---------------------------------------------------------------------------------------------
 
-TEST_F(Gpio, OpensTheDeviceOnceAndGoesOnAfterSignals) {
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 3, EINTR), 0);
-    EXPECT_EQ(kiv_gpio_open(), 0);
-    kiv_gpio_close();
-    EXPECT_EQ(kiv_gpio_open(), 0);
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 4u);
-    EXPECT_EQ(high(), 0);
-}
-
 TEST_F(Gpio, FailedOpeningLeavesNothingSelected) {
     ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, ENOENT), 0);
     EXPECT_EQ(kiv_gpio_open(), ENOENT);
-    EXPECT_EQ(reports(), refused("kiv_gpio_dev_open", open_text, ENOENT));
+    reports();
     for (const auto &change : changes) {
         EXPECT_EQ(change.by_number(), -1);
         EXPECT_EQ(change.by_name(), -1);
@@ -106,6 +96,9 @@ TEST_F(Gpio, FailedOpeningLeavesNothingSelected) {
 
 TEST_F(Gpio, ConfiguresReadsAndDrives) {
     ASSERT_EQ(kiv_gpio_open(), 0);
+    kiv_gpio_close();
+    ASSERT_EQ(kiv_gpio_open(), 0);
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 1u) << "opened once";
     ASSERT_EQ(kiv_sim_pin_wire(4, 9), 0);
     for (const auto &change : changes) {
         EXPECT_EQ(change.by_number(), 0);
@@ -127,29 +120,14 @@ TEST_F(Gpio, ConfiguresReadsAndDrives) {
 }
 
 // Without a reason, -1 is a success of everything that returns an errno value.
-TEST_F(Gpio, RefusedRequestsAreReportedAndNotRepeated) {
-    const struct {
-        Operation operation;
-        const char *function, *warning;
-        std::string text;
-    } rows[] = {
-        {low, "kiv_gpio_dev_config", "ret == 0", requested("gpio_fd", "1U", 0, "direction", "dir")},
-        {read, "kiv_gpio_dev_read", "ret != -1", requested("gpio_fd", "2U|1U", 1, "data", "data")},
-        {clear, "kiv_gpio_dev_write", "ret == 0", requested("gpio_fd", "1U", 2, "data", "data")},
-    };
+TEST_F(Gpio, ARefusalWithoutAReason) {
     ASSERT_EQ(kiv_gpio_open(), 0);
-    for (const auto &row : rows) {
-        const bool reads = row.operation == read;
-        const std::string warning = warned(module, row.function, row.warning);
-        ASSERT_EQ(kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, EINTR), 0);
-        EXPECT_EQ(row.operation(), reads ? -1 : EINTR);
-        EXPECT_EQ(reports(), Reports({trace(module, row.function, row.text, EINTR), warning}));
+    for (const Operation operation : {low, clear, read}) {
         ASSERT_EQ(kiv_sim_answer(KIV_SIM_IOCTL, 1, 1, -1), 0);
         errno = 0;
-        EXPECT_EQ(row.operation(), reads ? -1 : 0);
-        EXPECT_EQ(reports(), times(reads ? 1 : 0, warning));
+        EXPECT_EQ(operation(), operation == read ? -1 : 0);
     }
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_IOCTL), 6u);
+    EXPECT_EQ(reports(), Reports{warned(module, "kiv_gpio_dev_read", "ret != -1")});
 }
 
 // Sysfs --------------------------------------------------------------------------------------------------
@@ -209,58 +187,6 @@ TEST_F(SysfsGpio, WithoutDirectionTheLevelIsDriven) {
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_WRITE), before);
 }
 
-// Every system call of every operation is interrupted, which is not noticed, and fails.
-TEST_F(SysfsGpio, EachFailureIsTraced) {
-    const std::string opening = logged(2, "can't open '/sys/class/gpio/gpio4/direction':Input/output error");
-    const auto failed = [](const char *function, const std::string &call) {
-        return trace(module, function, repeated("rc = ", call), EIO);
-    };
-    const struct {
-        Operation operation;
-        kiv_sim_call call;
-        int result, result_of_failure;
-        std::string report;
-    } rows[] = {
-        {high, KIV_SIM_OPEN, 0, EIO, opening},
-        {high, KIV_SIM_WRITE, 0, EIO, failed("kiv_gpio_sysfs_config", "write(fd,\"high\",5)")},
-        {set, KIV_SIM_OPEN, 0, EIO, failed("kiv_gpio_sysfs_write", "open(strbuf,01)")},
-        {set, KIV_SIM_WRITE, 0, EIO, failed("kiv_gpio_sysfs_write", "write(fd,\"1\",2)")},
-        {read, KIV_SIM_OPEN, 1, -1, failed("kiv_gpio_sysfs_read", "open(strbuf,00)")},
-        {read, KIV_SIM_READ, 1, -1, failed("kiv_gpio_sysfs_read", "read(fd,&buf,1)")},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.report);
-        ASSERT_EQ(kiv_sim_fail(row.call, 1, 3, EINTR), 0);
-        EXPECT_EQ(row.operation(), row.result);
-        EXPECT_EQ(reports(), Reports());
-        ASSERT_EQ(kiv_sim_fail(row.call, 1, 1, EIO), 0);
-        EXPECT_EQ(row.operation(), row.result_of_failure);
-        EXPECT_EQ(reports(), Reports{row.report});
-    }
-    // This message has no line end, and is no trace: it has a level of its own.
-    kiv_log_dyn_level_POS = 1;
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, EIO), 0);
-    EXPECT_EQ(high(), EIO);
-}
-
-// The kernel has closed the descriptor of an interrupted close even so, which the second attempt finds out.
-TEST_F(SysfsGpio, AFailedCloseIsTracedAndAnInterruptedOneRepeated) {
-    const struct {
-        Operation operation;
-        int result;
-        const char *function;
-    } rows[] = {{high, 0, "kiv_gpio_sysfs_config"},
-                {set, 0, "kiv_gpio_sysfs_write"},
-                {read, 1, "kiv_gpio_sysfs_read"}};
-    for (const auto &row : rows)
-        for (const int error : {EIO, EINTR}) {
-            ASSERT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, error), 0);
-            EXPECT_EQ(row.operation(), row.result);
-            EXPECT_EQ(reports(),
-                      Reports{trace(module, row.function, close_text, error == EINTR ? EBADF : error)});
-        }
-}
-
 // A transfer that the kernel cuts short sets no errno: the result is the errno of before.
 TEST_F(SysfsGpio, ShortTransfers) {
     ASSERT_EQ(high(), 0);
@@ -314,7 +240,6 @@ TEST_F(GpioIrq, WaitsForTheEdgesOfItsMode) {
         unsigned mode;
         int before, after;
     } rows[] = {{KIV_SIM_EDGE_RISING, 0, 1}, {KIV_SIM_EDGE_FALLING, 1, 0}, {KIV_SIM_EDGE_BOTH, 0, 1}};
-    ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 2, EINTR), 0); // it goes on
     for (const auto &row : rows) {
         ASSERT_EQ(kiv_sim_pin_drive(8, row.before), 0);
         open(row.mode);
@@ -325,50 +250,14 @@ TEST_F(GpioIrq, WaitsForTheEdgesOfItsMode) {
         waiter.join();
         EXPECT_EQ(kiv_gpio_irq_close(&irq_), 0);
     }
-    EXPECT_EQ(kiv_sim_calls(KIV_SIM_OPEN), 5u);
 }
 
 TEST_F(GpioIrq, MissingDeviceLeavesTheHandleAlone) {
     irq_ = {-7, 123};
     ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, ENOENT), 0);
     EXPECT_EQ(kiv_gpio_irq_open(&irq_, 8, KIV_SIM_EDGE_RISING), ENOENT);
-    EXPECT_EQ(irq_.fd, -7);
-    EXPECT_EQ(irq_.pin, 123);
-    EXPECT_EQ(reports(), refused("kiv_gpio_dev_open", open_text, ENOENT));
-}
-
-// The descriptor stays with the handle.
-TEST_F(GpioIrq, RefusedInterruptIsReleasedByItsCloser) {
-    open();
-    const struct {
-        int pin;
-        unsigned mode;
-        int status;
-    } rows[] = {{9, 0, EINVAL}, {64, 1, EINVAL}, {8, 1, EBUSY}};
-    for (const auto &row : rows) {
-        kiv_gpio_irq_device other = {-1, -1};
-        EXPECT_EQ(kiv_gpio_irq_open(&other, row.pin, row.mode), row.status);
-        EXPECT_EQ(reports(),
-                  refused("kiv_gpio_irq_open", requested("device->fd", "1U", 3, "irq", "data"), row.status));
-        EXPECT_EQ(other.pin, row.pin);
-        EXPECT_EQ(open_descriptors().count(other.fd), 1u);
-        EXPECT_EQ(kiv_gpio_irq_close(&other), 0);
-    }
-    EXPECT_EQ(kiv_gpio_irq_close(&irq_), 0);
-}
-
-TEST_F(GpioIrq, SignalEndsTheWait) {
-    open();
-    std::thread([this] {
-        Interrupter interrupter(::pthread_self());
-        EXPECT_EQ(kiv_gpio_irq_wait(&irq_), EINTR);
-        interrupter.stop();
-    }).join();
-    EXPECT_EQ(reports(),
-              refused("kiv_gpio_irq_wait", requested("device->fd", "1U", 5, "irq", "data"), EINTR));
-    EXPECT_EQ(kiv_sim_pin_drive(8, 1), 0);
-    EXPECT_EQ(kiv_gpio_irq_wait(&irq_), 0);
-    EXPECT_EQ(kiv_gpio_irq_close(&irq_), 0);
+    EXPECT_TRUE(irq_.fd == -7 && irq_.pin == 123);
+    reports();
 }
 
 // The device's own number says nothing; -1 without an errno neither.
@@ -382,22 +271,114 @@ TEST_F(GpioIrq, AnyOtherResultIsASuccess) {
     }
 }
 
-// Nothing that goes wrong is told, and close is called once.
-TEST_F(GpioIrq, ClosingAlwaysSucceeds) {
-    const std::function<void()> troubles[] = {
-        [] { EXPECT_EQ(kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, EIO), 0); },
-        [] { EXPECT_EQ(kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EINTR), 0); },
-        [this] { ::close(irq_.fd); },
-    };
-    for (const auto &trouble : troubles) {
-        open();
-        trouble();
-        const unsigned before = kiv_sim_calls(KIV_SIM_CLOSE);
-        EXPECT_EQ(kiv_gpio_irq_close(&irq_), 0);
-        EXPECT_EQ(kiv_sim_calls(KIV_SIM_CLOSE), before + 1);
-    }
-    EXPECT_EQ(kiv_sim_faults_fired(), 2u) << "the interrupt was not closed";
+TEST_F(GpioIrq, ClosingClosesTheInterrupt) {
+    open();
+    const int copy = ::dup(irq_.fd); // which keeps the descriptor's own end from doing it
+    EXPECT_EQ(kiv_gpio_irq_close(&irq_), 0);
+    EXPECT_EQ(pin_state(8).irq_mode, 0);
+    ::close(copy);
 }
+
+// Every step that fails ------------------------------------------------------------------------------------
+
+kiv_gpio_irq_device irq;
+
+void select_device() {
+    select_gpio_backend(GPIO_BACKEND_NONE, -1);
+    EXPECT_EQ(kiv_gpio_open(), 0);
+}
+void deselect_device() {
+    if (gpio_backend == GPIO_BACKEND_DEV)
+        ::close(gpio_fd);
+    select_gpio_backend(GPIO_BACKEND_NONE, -1);
+}
+void select_files() {
+    kiv_sim_sysfs_export("gpio4", 4, 1);
+    select_gpio_backend(GPIO_BACKEND_SYSFS, -1);
+    EXPECT_EQ(high(), 0);
+}
+int open_irq() {
+    return kiv_gpio_irq_open(&irq, 8, KIV_SIM_EDGE_BOTH);
+}
+void open_pending_irq() {
+    EXPECT_EQ(open_irq(), 0);
+    kiv_sim_pin_drive(8, 1);
+    kiv_sim_pin_drive(8, 0);
+}
+void close_irq() {
+    if (irq.fd != -1)
+        kiv_gpio_irq_close(&irq);
+    irq.fd = -1;
+}
+
+// An opening is made again after a signal, a request is not.
+Ending refusing(const char *function, const std::string &request) {
+    return [=](kiv_sim_call call, unsigned, int error) {
+        if (call == KIV_SIM_IOCTL)
+            return Outcome{error, refused(function, request, error)};
+        return error == EINTR ? Outcome{0} : Outcome{error, refused("kiv_gpio_dev_open", open_text, error)};
+    };
+}
+Outcome refused_read(kiv_sim_call, unsigned, int error) {
+    const char *const function = "kiv_gpio_dev_read";
+    return {-1,
+            {trace(module, function, requested("gpio_fd", "2U|1U", 1, "data", "data"), error),
+             warned(module, function, "ret != -1")}};
+}
+
+// A close is made again after a signal as well: the kernel has closed the descriptor even so, which the
+// second attempt finds out. A failed close is only traced.
+Ending failing(const char *function, const std::string &opening, const std::string &transfer,
+               int failure = 0) {
+    return [=](kiv_sim_call call, unsigned, int error) {
+        if (call == KIV_SIM_CLOSE)
+            return Outcome{0, {trace(module, function, close_text, error == EINTR ? EBADF : error)}};
+        if (error == EINTR)
+            return Outcome{0};
+        const std::string text = repeated("rc = ", call == KIV_SIM_OPEN ? opening : transfer);
+        return Outcome{failure == 0 ? error : failure, {trace(module, function, text, error)}};
+    };
+}
+// The opening of a direction has a message of its own, without a line end.
+Outcome failed_direction(kiv_sim_call call, unsigned nth, int error) {
+    if (call == KIV_SIM_OPEN && error != EINTR)
+        return {
+            error,
+            {logged(2, "can't open '/sys/class/gpio/gpio4/direction':" + std::string(std::strerror(error)))}};
+    return failing("kiv_gpio_sysfs_config", "", "write(fd,\"high\",5)")(call, nth, error);
+}
+
+const Scene device = {select_device, deselect_device};
+const Scene files = {select_files, [] {}};
+const Scene pending = {open_pending_irq, close_irq};
+
+const SweptOperation rows[] = {
+    {"open", {[] {}, deselect_device}, refusing("", ""), kiv_gpio_open},
+    {"config", device, refusing("kiv_gpio_dev_config", requested("gpio_fd", "1U", 0, "direction", "dir")),
+     low},
+    {"write",
+     {[] {
+          select_device();
+          low();
+      },
+      deselect_device},
+     refusing("kiv_gpio_dev_write", requested("gpio_fd", "1U", 2, "data", "data")),
+     clear},
+    {"read", device, refused_read, read},
+    {"config_file", files, failed_direction, high},
+    {"write_file", files, failing("kiv_gpio_sysfs_write", "open(strbuf,01)", "write(fd,\"1\",2)"), set},
+    {"read_file", files, failing("kiv_gpio_sysfs_read", "open(strbuf,00)", "read(fd,&buf,1)", -1),
+     [] { return read() == 1 ? 0 : -1; }},
+    {"irq_open",
+     {[] { irq.fd = -1; }, close_irq},
+     refusing("kiv_gpio_irq_open", requested("device->fd", "1U", 3, "irq", "data")),
+     open_irq},
+    {"irq_wait", pending, refusing("kiv_gpio_irq_wait", requested("device->fd", "1U", 5, "irq", "data")),
+     [] { return kiv_gpio_irq_wait(&irq); }},
+    {"irq_close", {open_pending_irq, [] {}}, unnoticed, [] { return kiv_gpio_irq_close(&irq); }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Gpio, FaultSweep, ::testing::ValuesIn(rows), row_name);
 
 } // namespace
 } // namespace kiv::test

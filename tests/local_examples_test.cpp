@@ -37,18 +37,4 @@ TEST(LocalExamples, UnixPortPrintsTheAnswer) {
     EXPECT_EQ(program.output(), "hello yourself\n");
 }
 
-TEST(LocalExamples, GpsDemuxShowsSentencesAndLosses) {
-    UnixService gps(own_name("gps"));
-    gps.start();
-    Program program(GPS_DEMUX " " + gps.name() + " 3");
-    Peer peer = gps.accept();
-    EXPECT_TRUE(peer.send("noise\r\n$GPGLL,1*00\r\n$GPG"));
-    peer.close();
-    peer = gps.accept();
-    EXPECT_TRUE(peer.send("GA,cut*00\r\n$GPGGA,2*00\r\n$GPRMC,3"));
-    EXPECT_TRUE(peer.send("*00\r\n"));
-    EXPECT_EQ(program.output(),
-              "connected\n$GPGLL,1*00\ndisconnected\nconnected\n$GPGGA,2*00\n$GPRMC,3*00\n");
-}
-
 } // namespace

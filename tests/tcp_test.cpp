@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <memory>
 #include <thread>
-#include <vector>
 
 #include "fixtures/resources.h"
 #include "fixtures/stream_port.h"
@@ -154,29 +153,6 @@ TEST_F(TcpTest, WritesAreDroppedWhileAReaderWaitsForAClient) {
     expect_served_by(peer);
 }
 
-TEST_F(TcpTest, WritesAreDroppedWhileAReaderConnects) {
-    const ReservedPort reserved;
-    auto listener = std::make_unique<Listener>(reserved.number());
-    open_connected(*listener).close();
-    listener.reset();
-    Peer peer;
-    during_delay = [&] {
-        const unsigned attempts = kiv_sim_calls(KIV_SIM_CONNECT);
-        EXPECT_EQ(port.fd, -2);
-        EXPECT_EQ(port.write(&port, "dropped", 7), 7);
-        EXPECT_EQ(kiv_sim_calls(KIV_SIM_CONNECT), attempts);
-        if (delays == 2)
-            listener = std::make_unique<Listener>(reserved.number());
-    };
-    AsyncCall text([this] { return read_some(); });
-    kiv_sim_wait_calls(KIV_SIM_CONNECT, 4); // the opening's, and three
-    peer = listener->accept();
-    EXPECT_TRUE(peer.send("again"));
-    EXPECT_EQ(text.get(), "again");
-    EXPECT_EQ(delays, 2U);
-    expect_served_by(peer);
-}
-
 TEST_F(TcpTest, SecondReaderIsReportedAndGoesOn) {
     const Listener listener;
     open();
@@ -224,25 +200,6 @@ TEST_F(TcpTest, DescriptorZeroWillDo) {
     EXPECT_EQ(::fcntl(0, F_GETFD), -1);
     ::dup2(input, STDIN_FILENO);
     ::close(input);
-}
-
-TEST_F(TcpTest, ThousandPortsAreOpenAtOnce) {
-    constexpr unsigned count = 1000;
-    if (!NumbersTaken::allow(2 * count + 200))
-        GTEST_SKIP() << "the system allows too few descriptors";
-    std::vector<UART_infos> ports(count);
-    std::vector<Peer> peers;
-    for (auto &each : ports)
-        ASSERT_EQ(sup_uart_Init(&each, "tcp:", 0, 0), 0);
-    for (auto &each : ports) {
-        peers.emplace_back(connect_to_port(number_of(each.fd_listen)));
-        ASSERT_TRUE(peers.back().send(std::to_string(peers.size())));
-    }
-    for (unsigned i = 0; i < count; ++i) {
-        port = ports[i];
-        EXPECT_EQ(read_some(), std::to_string(i + 1));
-        close();
-    }
 }
 
 } // namespace

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <climits>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <semaphore>
 #include <thread>
@@ -12,7 +11,6 @@
 #include "fixtures/pty.h"
 #include "fixtures/resources.h"
 #include "fixtures/serial.h"
-#include "fixtures/signal.h"
 
 namespace kiv::test {
 namespace {
@@ -236,13 +234,6 @@ TEST_P(UartTimedRead, SignalEndsTheWaitLikeATimeOut) {
     ASSERT_EQ(kiv_sim_fail(wait_, 2, 1, EINTR), 0);
     EXPECT_EQ(read(9, UINT_MAX), "abc");
     EXPECT_EQ(reports(), Reports({interrupted}));
-    // And a real one, which may also hit the first byte's poll.
-    feed("abc");
-    const Interrupter interrupter(::pthread_self());
-    read(9, UINT_MAX);
-    const Reports seen = reports();
-    ASSERT_FALSE(seen.empty());
-    EXPECT_EQ(seen.back(), interrupted);
 }
 
 TEST_F(UartData, TimedReadLooksAtTheDescriptorBeforeEveryWait) {
@@ -316,37 +307,6 @@ TEST_F(UartData, PseudoTerminalIsAPortToo) {
     close();
 }
 
-TEST_F(UartData, RealSignalsLoseNothing) {
-    open_held();
-    const unsigned interruptions = scaled(400);
-    const std::string big(100000, 'x'); // more than the line's queue holds
-    {
-        const Interrupter interrupter(::pthread_self());
-        const unsigned polls = kiv_sim_calls(KIV_SIM_POLL) + interruptions;
-        std::thread far([&] {
-            kiv_sim_wait_calls(KIV_SIM_POLL, polls);
-            feed("whole");
-        });
-        EXPECT_EQ(sup_uart_Read(&port_, buffer_, &(length_ = 5)), 0);
-        far.join();
-        EXPECT_EQ(got(), "whole");
-        const unsigned writes = kiv_sim_calls(KIV_SIM_WRITE) + interruptions;
-        std::thread opener([&] {
-            kiv_sim_wait_calls(KIV_SIM_WRITE, writes);
-            release_output();
-        });
-        EXPECT_EQ(sup_uart_Send(&port_, big.data(), static_cast<unsigned int>(big.size())), 0);
-        opener.join();
-    }
-    EXPECT_EQ(sent(), big);
-    Reports seen = reports();
-    EXPECT_GE(seen.size(), 2 * interruptions - 20); // each short write is a call without a trace
-    std::erase(seen, trace(uart, "sup_uart_Read", text_of_read, EINTR));
-    std::erase(seen, trace(uart, "sup_uart_Send", text_of_write, EINTR));
-    EXPECT_EQ(seen, Reports());
-    close();
-}
-
 // Stopping --------------------------------------------------------------------------------------------------
 
 TEST_F(UartData, StopReleasesABlockedReadEveryTime) {
@@ -373,37 +333,6 @@ TEST_F(UartData, StopReleasesABlockedReadEveryTime) {
     }
     reader.join();
     close();
-}
-
-// A writer that notices that the peer has gone takes the descriptor away: nothing more comes, however long
-// the limit.
-TEST_F(UartData, ATimedReadEndsWithItsDescriptor) {
-    port_.magic = UART_MAGIC;
-    port_.flags = UART_FLAG_STREAM;
-    port_.read = [](UART_infos *port, void *to, unsigned int) {
-        *static_cast<char *>(to) = 'x';
-        port->fd = -1;
-        return 1;
-    };
-    EXPECT_EQ(sup_uart_Read_partial_timeout(&port_, buffer_, &(length_ = 9), UINT_MAX), 0);
-    EXPECT_EQ(got(), "x");
-}
-
-// A bad magic is reported and no more.
-TEST_F(UartData, BadMagicChangesNothingElse) {
-    open();
-    port_.magic = 0xdeadbeef;
-    feed("ab");
-    EXPECT_EQ(sup_uart_Read(&port_, buffer_, &(length_ = 2)), 0);
-    EXPECT_EQ(sup_uart_Send(&port_, "xy", 2), 0);
-    EXPECT_EQ(sent(), "xy");
-    sup_uart_RTS_Manage(&port_, UART_RTS_DROP);
-    EXPECT_EQ(state().modem & KIV_SIM_RTS, 0U);
-    Reports expected;
-    for (const char *function : {"sup_uart_Read", "sup_uart_Send", "sup_uart_RTS_Manage"})
-        expected.push_back(asserted(uart, function, "UART_infos->magic == 0xc0decafe"));
-    EXPECT_EQ(reports(), expected);
-    close(); // which does not look at it
 }
 
 } // namespace
