@@ -187,6 +187,19 @@ TEST_F(SysfsGpio, WithoutDirectionTheLevelIsDriven) {
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_WRITE), before);
 }
 
+TEST_F(SysfsGpio, ReportsFollowTheLevel) {
+    for (const auto &[level, count] : {std::pair(2, 4U), {1, 3U}, {0, 1U}}) {
+        kiv_log_dyn_level_POS = level;
+        select_gpio_backend(GPIO_BACKEND_SYSFS, -1);
+        ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 2, EIO), 0);
+        EXPECT_EQ(high(), EIO); // a message of level 2
+        EXPECT_EQ(set(), EIO);  // a trace
+        select_gpio_backend(GPIO_BACKEND_DEV, -1);
+        EXPECT_EQ(low(), EBADF); // a trace, and a warning, which no level silences
+        EXPECT_EQ(reports().size(), count);
+    }
+}
+
 // A transfer that the kernel cuts short sets no errno: the result is the errno of before.
 TEST_F(SysfsGpio, ShortTransfers) {
     ASSERT_EQ(high(), 0);

@@ -4,7 +4,9 @@
 #include <cerrno>
 
 #include "fixtures/serial.h"
+#include "fixtures/tap.h"
 #include "kiv/core.h"
+#include "kiv/transports.h"
 
 namespace {
 
@@ -59,8 +61,16 @@ TEST_F(ReportTest, BothCategoriesAreRegisteredAtLoad) {
     }
 }
 
-TEST_F(ReportTest, LevelZeroSilencesMessagesAndNothingElse) {
-    for (const int level : {-1, 0, 1, 3}) {
+TEST_F(ReportTest, LevelsSilenceMessagesAndNothingElse) {
+    const std::uint8_t group[] = {3, 0, 0, 0, 0, 1};
+    const Reports all = joined(
+        {{asserted(uart, "sup_uart_close", "(UART_infos) != ((void *)0)"),
+          trace(uart, "sup_uart_Read_partial", text_of_partial, EPERM), warning_,
+          logged(1, "tcpout support is not enabled\n"), trace(uart, "sup_uart_Init2", text_of_speed, EINVAL)},
+         on_net_tun,
+         refused_address("MAC address = ", "03 00 00 00 00 01 ")});
+    kiv_sim_tun_set_node(KIV_SIM_NET_TUN, present);
+    for (const int level : {-1, 0, 1, 2, 3}) {
         SCOPED_TRACE(level);
         kiv_log_dyn_level_POS = level;
         kiv_log_dyn_level_uart_bt = 3 - level; // the other category's, and of no matter here
@@ -68,13 +78,24 @@ TEST_F(ReportTest, LevelZeroSilencesMessagesAndNothingElse) {
         EXPECT_EQ(fail_read(EPERM), EPERM);
         EXPECT_EQ(sup_uart_Init(&port_, "tcpout:127.0.0.1:1", 9, 0), ENODEV);
         EXPECT_EQ(sup_uart_Init(&port_, tty_path, 3, 0), EINVAL);
-        const auto assertion = asserted(uart, "sup_uart_close", "(UART_infos) != ((void *)0)");
-        EXPECT_EQ(reports(),
-                  level < 1
-                      ? Reports({assertion, warning_})
-                      : Reports({assertion, trace(uart, "sup_uart_Read_partial", text_of_partial, EPERM),
-                                 warning_, logged(1, "tcpout support is not enabled\n"),
-                                 trace(uart, "sup_uart_Init2", text_of_speed, EINVAL)}));
+        std::int32_t fd;
+        EXPECT_EQ(kiv_eth_open(&fd, "kiv0", group), -ENODEV);
+        Reports expected = all;
+        std::erase_if(expected, [level](const std::string &report) {
+            return report.starts_with("POS/") && report[4] - '0' > level; // "POS/3 ..."
+        });
+        EXPECT_EQ(reports(), expected);
+    }
+}
+
+TEST_F(ReportTest, BluetoothHasALevelOfItsOwn) {
+    const Reports refusal = {logged(1, "pos_open_bt_generic: type TYPE_SYSPATH invalid here\n", "uart_bt")};
+    for (const int level : {3, 0}) {
+        kiv_log_dyn_level_uart_bt = level;
+        kiv_log_dyn_level_POS = 3 - level;
+        EXPECT_EQ(sup_uart_Init(&port_, "btsyspath:/sys/class/bluetooth/hci0", 9, 0), -EINVAL);
+        EXPECT_EQ(pos_open_bt_syspath(nullptr, nullptr, 0), -EINVAL);
+        EXPECT_EQ(reports(), level == 3 ? joined({refusal, refusal}) : Reports());
     }
 }
 
