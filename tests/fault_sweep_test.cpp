@@ -14,88 +14,47 @@ namespace kiv::test {
 
 namespace {
 
-UART_infos port;
-char buffer[8];
-unsigned int length;
-iovec pieces[] = {{buffer, 3}, {buffer, 5}};
-
-void nothing() {}
-
-void close_port() {
-    if (port.magic == UART_MAGIC)
-        sup_uart_close(&port);
-}
+iovec pieces[] = {{swept_bytes, 3}, {swept_bytes, 5}};
 
 // Serial ports over ttys ------------------------------------------------------------------------------------
 
 // With three bytes to read.
 void open_tty() {
-    EXPECT_EQ(sup_uart_Init(&port, tty_path, 9, 0), 0);
+    EXPECT_EQ(open_swept(tty_path), 0);
     kiv_sim_line_send(0, "abc", 3);
-    length = 3;
 }
 
-const Scene tty = {open_tty, close_port};
+const Scene tty = {open_tty, close_swept};
 
-struct Status {
-    int status;
-    bool warned;
-};
 using Functions = std::vector<const char *>;
 using Texts = std::map<kiv_sim_call, std::vector<const char *>>;
-using StatusOf = Status (*)(kiv_sim_call call, unsigned nth, int error);
+using StatusOf = int (*)(kiv_sim_call call, unsigned nth, int error);
 
-Status opening(kiv_sim_call, unsigned, int error) {
-    return {error, false};
-}
-Status operation(kiv_sim_call, unsigned, int error) {
-    return {error, true};
-}
-Status continued(kiv_sim_call, unsigned, int error) {
-    return error == EINTR ? Status{0, false} : Status{error, true};
-}
-Status hidden(kiv_sim_call, unsigned, int) {
-    return {0, false};
-}
-// The cancellation's own failure goes unnoticed.
-Status stopping(kiv_sim_call call, unsigned, int error) {
-    return call == KIV_SIM_IOCTL ? Status{error, true} : Status{0, false};
-}
-// Only the device's closing counts, the last of three.
-Status closing(kiv_sim_call, unsigned nth, int) {
-    return nth == 3 ? Status{-1, true} : Status{0, false};
-}
-Status warning_of_minus_one(kiv_sim_call, unsigned, int) {
-    return {-1, true};
-}
-Status warning_only(kiv_sim_call, unsigned, int) {
-    return {0, true};
-}
+const StatusOf returned = [](auto, auto, int error) { return error; };
+const StatusOf continued = [](auto, auto, int error) { return error == EINTR ? 0 : error; };
+const StatusOf hidden = [](auto, auto, int) { return 0; };
 
-// The functions: the first one traces; all of them warn, inner ones first. The texts: of the traces, by kind
-// and turn of the call that fails; no text, no trace.
-Ending tracing(const char *module, const Functions &functions, const Texts &texts, StatusOf ends) {
+// The texts of the traces, by kind and turn of the call that fails; no text, no trace.
+Ending tracing(const char *module, const char *function, const Texts &texts, StatusOf status_of) {
     return [=](kiv_sim_call call, unsigned nth, int error) {
-        const auto [status, is_warned] = ends(call, nth, error);
-        Outcome outcome = {status};
+        Outcome outcome = {status_of(call, nth, error)};
         if (const auto of_call = texts.find(call); of_call != texts.end()) {
             const std::size_t turn = std::min<std::size_t>(nth, of_call->second.size());
-            outcome.reported = {trace(module, functions.front(), of_call->second[turn - 1], error)};
+            outcome.reported = {trace(module, function, of_call->second[turn - 1], error)};
         }
-        if (is_warned)
-            for (const char *function : functions)
-                outcome.reported.push_back(warned(module, function));
         return outcome;
     };
 }
 
-SweptOperation on_tty(const char *name, const Scene &scene, const Functions &functions, const Texts &texts,
-                      StatusOf ends, Operation act) {
-    return {name, scene, tracing(uart, functions, texts, ends), std::move(act)};
-}
-SweptOperation on_tcp(const char *name, const Scene &scene, const Functions &functions, const Texts &texts,
-                      StatusOf ends, Operation act) {
-    return {name, scene, tracing(tcp, functions, texts, ends), std::move(act)};
+// The functions of a serial port: the first one traces; all of them warn of a failure, inner ones first.
+Ending warning(const Functions &functions, const Texts &texts, StatusOf status_of) {
+    return [=](kiv_sim_call call, unsigned nth, int error) {
+        Outcome outcome = tracing(uart, functions.front(), texts, status_of)(call, nth, error);
+        for (const char *function : functions)
+            if (outcome.status != 0)
+                outcome.reported.push_back(warned(uart, function));
+        return outcome;
+    };
 }
 
 const Texts write_texts = {{KIV_SIM_WRITE, {text_of_write}}};
@@ -111,36 +70,48 @@ Texts request_texts(std::vector<const char *> texts) {
             {KIV_SIM_IOCTL, std::move(texts)}};
 }
 
+Outcome failed_management(kiv_sim_call, unsigned nth, int error) {
+    const char *const function = "sup_uart_RTS_Manage";
+    const char *const text = nth == 1 ? "ret = ioctl(fd, 0x5415, &flags)" : "ret = ioctl(fd, 0x5418, &flags)";
+    return {0, {trace(uart, function, text, error), warned(uart, function)}};
+}
+
 const SweptOperation serial_rows[] = {
-    on_tty("open", {nothing, close_port}, {"sup_uart_Init2"}, request_texts({text_of_get, text_of_set}),
-           opening, [] { return sup_uart_Init(&port, tty_path, 9, 1); }),
-    on_tty("Read", tty, {"sup_uart_Read"}, read_texts({text_of_read}), continued,
-           [] { return sup_uart_Read(&port, buffer, &length); }),
-    on_tty("Read_partial", tty, {"sup_uart_Read_partial"}, read_texts({text_of_partial}), continued,
-           [] { return sup_uart_Read_partial(&port, buffer, &length); }),
-    on_tty("Read_partial_timeout", tty, {"sup_uart_Read_partial_timeout"},
-           read_texts({text_of_first, text_of_read}), continued,
-           [] { return sup_uart_Read_partial_timeout(&port, buffer, &(length = 8), 0); }),
-    on_tty("Send", tty, {"sup_uart_Send"}, write_texts, continued,
-           [] { return sup_uart_Send(&port, buffer, 8); }),
-    on_tty("Sendv", tty, {"sup_uart_Send", "sup_uart_Sendv"}, write_texts, continued,
-           [] { return sup_uart_Sendv(&port, pieces, 2, &length); }),
-    on_tty("Change_Speed", tty, {"sup_uart_Change_Speed"},
-           request_texts({text_of_drain, text_of_get, text_of_set}), operation,
-           [] { return sup_uart_Change_Speed(&port, 4); }),
-    on_tty("RTS_Enable", tty, {"sup_uart_RTS_Enable"}, request_texts({text_of_get, text_of_set}), operation,
-           [] { return sup_uart_RTS_Enable(&port, 1); }),
-    on_tty("Flush", tty, {"sup_uart_Flush"},
-           request_texts({"ret = kiv_tcflush(UART_infos->fd, queue_selector)"}), warning_of_minus_one,
-           [] { return sup_uart_Flush(&port, FLUSH_ALL); }),
-    on_tty("RTS_Manage", tty, {"sup_uart_RTS_Manage"},
-           request_texts({"ret = ioctl(fd, 0x5415, &flags)", "ret = ioctl(fd, 0x5418, &flags)"}),
-           warning_only, [] { return sup_uart_RTS_Manage(&port, 1), 0; }),
-    on_tty("Stop_UART", tty, {"sup_uart_Change_Speed", "sup_uart_Stop_UART"},
-           request_texts({text_of_drain, text_of_get, text_of_set}), stopping,
-           [] { return sup_uart_Stop_UART(&port); }),
-    on_tty("close", {open_tty, nothing}, {"sup_uart_close"}, {}, closing,
-           [] { return sup_uart_close(&port); }),
+    {"open",
+     {nothing, close_swept},
+     tracing(uart, "sup_uart_Init2", request_texts({text_of_get, text_of_set}), returned),
+     [] { return open_swept(tty_path, 1); }},
+    {"Read", tty, warning({"sup_uart_Read"}, read_texts({text_of_read}), continued),
+     [] { return read_swept(3); }},
+    {"Read_partial", tty, warning({"sup_uart_Read_partial"}, read_texts({text_of_partial}), continued),
+     [] { return sup_uart_Read_partial(&swept_port, swept_bytes, &(swept_length = 3)); }},
+    {"Read_partial_timeout", tty,
+     warning({"sup_uart_Read_partial_timeout"}, read_texts({text_of_first, text_of_read}), continued),
+     [] { return sup_uart_Read_partial_timeout(&swept_port, swept_bytes, &(swept_length = 8), 0); }},
+    {"Send", tty, warning({"sup_uart_Send"}, write_texts, continued), send_swept},
+    {"Sendv", tty, warning({"sup_uart_Send", "sup_uart_Sendv"}, write_texts, continued),
+     [] { return sup_uart_Sendv(&swept_port, pieces, 2, &swept_length); }},
+    {"Change_Speed", tty,
+     warning({"sup_uart_Change_Speed"}, request_texts({text_of_drain, text_of_get, text_of_set}), returned),
+     [] { return sup_uart_Change_Speed(&swept_port, 4); }},
+    {"RTS_Enable", tty, warning({"sup_uart_RTS_Enable"}, request_texts({text_of_get, text_of_set}), returned),
+     [] { return sup_uart_RTS_Enable(&swept_port, 1); }},
+    {"Flush", tty,
+     warning({"sup_uart_Flush"}, request_texts({"ret = kiv_tcflush(UART_infos->fd, queue_selector)"}),
+             [](auto, auto, int) { return -1; }),
+     [] { return sup_uart_Flush(&swept_port, FLUSH_ALL); }},
+    {"RTS_Manage", tty, failed_management, [] { return sup_uart_RTS_Manage(&swept_port, 1), 0; }},
+    // The cancellation's own failure goes unnoticed.
+    {"Stop_UART", tty,
+     warning({"sup_uart_Change_Speed", "sup_uart_Stop_UART"},
+             request_texts({text_of_drain, text_of_get, text_of_set}),
+             [](kiv_sim_call call, auto, int error) { return call == KIV_SIM_IOCTL ? error : 0; }),
+     [] { return sup_uart_Stop_UART(&swept_port); }},
+    // Only the device's closing counts, the last of three.
+    {"close",
+     {open_tty, nothing},
+     warning({"sup_uart_close"}, {}, [](auto, unsigned nth, int) { return nth == 3 ? -1 : 0; }),
+     [] { return sup_uart_close(&swept_port); }},
 };
 
 INSTANTIATE_TEST_SUITE_P(Serial, FaultSweep, ::testing::ValuesIn(serial_rows), row_name);
@@ -153,23 +124,22 @@ Peer peers[2];
 
 // With two clients waiting that have sent a byte each: one may be lost.
 void open_server() {
-    EXPECT_EQ(sup_uart_Init(&port, "tcp:", 0, 0), 0);
+    EXPECT_EQ(open_swept("tcp:"), 0);
     for (Peer &peer : peers) {
-        peer = Peer(connect_to_port(number_of(port.fd_listen)));
+        peer = Peer(connect_to_port(number_of(swept_port.fd_listen)));
         EXPECT_TRUE(peer.send("a"));
     }
-    length = 1;
 }
 
 void close_server() {
     for (Peer &peer : peers)
         peer.reset();
-    sup_uart_close(&port);
+    sup_uart_close(&swept_port);
 }
 
 int open_client() {
-    sup_uart_Prepare(&port, nullptr);
-    return sup_uart_Opened(&port, pos_open_tcp_client(&port, client_name.c_str(), 0));
+    sup_uart_Prepare(&swept_port, nullptr);
+    return sup_uart_Opened(&swept_port, pos_open_tcp_client(&swept_port, client_name.c_str(), 0));
 }
 
 void listen_for_client() {
@@ -182,12 +152,12 @@ void lose_client() {
     listen_for_client();
     EXPECT_EQ(open_client(), 0);
     listener->accept().reset();
-    while (port.fd != -1)
-        sup_uart_Send(&port, buffer, 1);
+    while (swept_port.fd != -1)
+        sup_uart_Send(&swept_port, swept_bytes, 1);
 }
 
 void close_client() {
-    pos_close_tcp_client(&port);
+    pos_close_tcp_client(&swept_port);
     listener.reset();
 }
 
@@ -210,17 +180,22 @@ const Texts socket_texts = {
 const Scene server = {open_server, close_server};
 
 const SweptOperation tcp_rows[] = {
-    on_tcp("open_server", {nothing, close_port}, {"pos_open_tcp"}, socket_texts, opening,
-           [] { return sup_uart_Init(&port, "tcp:", 0, 0); }),
-    on_tcp("server_Read", server, {"pos_tcp_accept"}, accept_texts, hidden,
-           [] { return sup_uart_Read(&port, buffer, &length); }),
-    on_tcp("server_Send", server, {"pos_tcp_accept"}, accept_texts, hidden,
-           [] { return sup_uart_Send(&port, buffer, 8); }),
-    on_tcp("server_close", server, {}, {}, hidden, [] { return sup_uart_close(&port); }),
-    on_tcp("open_client", {listen_for_client, close_client}, {"pos_open_tcp_client"}, socket_texts, opening,
-           open_client),
-    on_tcp("lost_client_Send", {lose_client, close_client}, {"pos_connect_tcp_client"}, socket_texts, hidden,
-           [] { return sup_uart_Send(&port, buffer, 8); }),
+    {"open_server",
+     {nothing, close_swept},
+     tracing(tcp, "pos_open_tcp", socket_texts, returned),
+     [] { return open_swept("tcp:"); }},
+    {"server_Read", server, tracing(tcp, "pos_tcp_accept", accept_texts, hidden),
+     [] { return read_swept(1); }},
+    {"server_Send", server, tracing(tcp, "pos_tcp_accept", accept_texts, hidden), send_swept},
+    {"server_close", server, unnoticed, [] { return sup_uart_close(&swept_port); }},
+    {"open_client",
+     {listen_for_client, close_client},
+     tracing(tcp, "pos_open_tcp_client", socket_texts, returned),
+     open_client},
+    {"lost_client_Send",
+     {lose_client, close_client},
+     tracing(tcp, "pos_connect_tcp_client", socket_texts, hidden),
+     send_swept},
 };
 
 INSTANTIATE_TEST_SUITE_P(Tcp, FaultSweep, ::testing::ValuesIn(tcp_rows), row_name);
@@ -238,29 +213,29 @@ void start_service() {
     kiv_sim_answer(KIV_SIM_USLEEP, 1, KIV_SIM_ALWAYS, 0); // pauses are skipped
 }
 void stop_service() {
-    close_port();
+    close_swept();
     service.reset();
 }
 int open_unix() {
-    return sup_uart_Init(&port, unix_name.c_str(), 0, 0);
+    return open_swept(unix_name.c_str());
 }
 int open_demultiplexer() {
     ::signal(SIGPIPE, SIG_IGN);
-    sup_uart_Prepare(&port, nullptr);
-    return sup_uart_Opened(&port, pos_btgpsdemux_open(&port, service->name().c_str()));
+    sup_uart_Prepare(&swept_port, nullptr);
+    return sup_uart_Opened(&swept_port, pos_btgpsdemux_open(&swept_port, service->name().c_str()));
 }
 
 // With a port whose connection is lost, and a service that is there again.
 void lose_unix() {
     start_service();
     EXPECT_EQ(open_unix(), 0);
-    ::shutdown(port.fd, SHUT_RDWR);
-    EXPECT_EQ(sup_uart_Send(&port, buffer, 1), 0);
+    ::shutdown(swept_port.fd, SHUT_RDWR);
+    EXPECT_EQ(sup_uart_Send(&swept_port, swept_bytes, 1), 0);
 }
 void lose_demultiplexer() {
     start_service();
     EXPECT_EQ(open_demultiplexer(), 0);
-    ::shutdown(port.fd, SHUT_RDWR); // which the next write notices
+    ::shutdown(swept_port.fd, SHUT_RDWR); // which the next write notices
 }
 
 const Texts unix_texts = {
@@ -271,9 +246,9 @@ const Texts demultiplexer_texts = {
     {KIV_SIM_SOCKET, {"UART_infos->fd = socket(1, SOCK_STREAM, 0)", text_of_socket}}};
 
 // Nobody may be listening yet.
-Status connecting(kiv_sim_call call, unsigned, int error) {
-    return {call == KIV_SIM_CONNECT || call == KIV_SIM_CLOSE ? 0 : error, false};
-}
+const StatusOf connecting = [](kiv_sim_call call, auto, int error) {
+    return call == KIV_SIM_CONNECT || call == KIV_SIM_CLOSE ? 0 : error;
+};
 
 // The one failure that reaches the caller.
 Outcome without_socket(kiv_sim_call call, unsigned, int error) {
@@ -292,17 +267,14 @@ Outcome without_socket(kiv_sim_call call, unsigned, int error) {
 const SweptOperation unix_rows[] = {
     {"open",
      {start_service, stop_service},
-     tracing("posix/linux_uart_unix", {"pos_open_unix"}, unix_texts, connecting),
+     tracing("posix/linux_uart_unix", "pos_open_unix", unix_texts, connecting),
      open_unix},
-    {"lost_Send", {lose_unix, stop_service}, unnoticed, [] { return sup_uart_Send(&port, buffer, 8); }},
+    {"lost_Send", {lose_unix, stop_service}, unnoticed, send_swept},
     {"open_demultiplexer",
      {start_service, stop_service},
-     tracing(btgpsdemux, {"pos_btgpsdemux_open"}, demultiplexer_texts, connecting),
+     tracing(btgpsdemux, "pos_btgpsdemux_open", demultiplexer_texts, connecting),
      open_demultiplexer},
-    {"lost_demultiplexer_Send",
-     {lose_demultiplexer, stop_service},
-     without_socket,
-     [] { return sup_uart_Send(&port, buffer, 8); }},
+    {"lost_demultiplexer_Send", {lose_demultiplexer, stop_service}, without_socket, send_swept},
 };
 
 INSTANTIATE_TEST_SUITE_P(Unix, FaultSweep, ::testing::ValuesIn(unix_rows), row_name);

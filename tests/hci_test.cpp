@@ -330,29 +330,14 @@ TEST_F(OpenHci, AReaderAndAWriterDoNotDisturbEachOther) {
 
 // Every step that fails --------------------------------------------------------------------------------
 
-UART_infos swept_port;
-char buffer[2000];
-unsigned int length;
-
-int open_swept() {
-    return sup_uart_Init2(&swept_port, "hci0", 0, 0, nullptr);
-}
 // With a packet to read.
 void open_with_packet() {
-    EXPECT_EQ(open_swept(), 0);
+    EXPECT_EQ(open_swept("hci0"), 0);
     controller_sends(event(1));
 }
-void close_swept() {
-    if (swept_port.magic == UART_MAGIC)
-        sup_uart_close(&swept_port);
+void close_and_clear() {
+    close_swept();
     packets_of_host();
-}
-int write_swept() {
-    return sup_uart_Send(&swept_port, hci_reset.data(), 4);
-}
-int write_gathered() {
-    const iovec piece = {const_cast<std::uint8_t *>(hci_reset.data()), 4};
-    return sup_uart_Sendv(&swept_port, &piece, 1, &length);
 }
 
 Outcome failed_opening(kiv_sim_call call, unsigned nth, int error) {
@@ -374,27 +359,28 @@ Outcome failed_opening(kiv_sim_call call, unsigned nth, int error) {
     }
 }
 
-const Scene opened = {open_with_packet, close_swept};
+const iovec swept_piece = {const_cast<std::uint8_t *>(hci_reset.data()), 4};
+const Scene opened = {open_with_packet, close_and_clear};
 
 const SweptOperation rows[] = {
-    {"open", {[] {}, close_swept}, failed_opening, open_swept},
+    {"open", {[] {}, close_swept}, failed_opening, [] { return open_swept("hci0"); }},
     {"Read_cached", opened, repeating([](auto, auto, int error) {
          return Outcome{error, failed_read(error)};
      }),
-     [] { return sup_uart_Read(&swept_port, buffer, &(length = 4)); }},
+     [] { return read_swept(4); }},
     {"Read_past_the_cache", opened, repeating([](auto, auto, int error) {
          return Outcome{error, failed_read(error, partial)};
      }),
-     [] { return sup_uart_Read_partial(&swept_port, buffer, &(length = 2000)); }},
+     [] { return sup_uart_Read_partial(&swept_port, swept_bytes, &(swept_length = 2000)); }},
     {"Send", opened, repeating([](auto, auto, int error) {
          return Outcome{error, failed_write(error)};
      }),
-     write_swept},
+     [] { return sup_uart_Send(&swept_port, hci_reset.data(), 4); }},
     {"Sendv", opened,
      [](auto, auto, int error) {
          return Outcome{error == EINTR ? 0 : error, failed_sendv(error)};
      },
-     write_gathered},
+     [] { return sup_uart_Sendv(&swept_port, &swept_piece, 1, &swept_length); }},
 };
 
 INSTANTIATE_TEST_SUITE_P(Hci, FaultSweep, ::testing::ValuesIn(rows), row_name);
