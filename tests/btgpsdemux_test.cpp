@@ -131,14 +131,14 @@ TEST_F(BtgpsdemuxTest, AReconnectionWithoutASocketFails) {
     const std::string text = "fd = socket(1, SOCK_STREAM, 0)";
     connect().close();
     const int number = port.fd;
-    fail_next(KIV_SIM_SOCKET, EMFILE, 2);
+    fail_next(KIV_SIM_SOCKET, ENOBUFS, 2);
     for (const bool reads : {true, false}) {
-        EXPECT_EQ(reads ? read_some() : "status " + std::to_string(send("unsent")), "status 24");
+        EXPECT_EQ(reads ? read_some() : "status " + std::to_string(send("unsent")), "status 105");
         EXPECT_EQ(port.fd, -1);
         EXPECT_EQ(events.taken(), "D");
         const Reports seen = reports();
         ASSERT_EQ(seen.size(), 3u) << "the last two are the caller's";
-        EXPECT_EQ(seen.front(), trace(module, "btgpsdemux_reconnect", text, EMFILE));
+        EXPECT_EQ(seen.front(), trace(module, "btgpsdemux_reconnect", text, ENOBUFS));
     }
     const int other = ::dup(0);
     EXPECT_NE(other, number);
@@ -161,8 +161,8 @@ TEST_F(BtgpsdemuxTest, AReconnectionWithoutASocketFails) {
 
     // And a port that is closed before lets go of it.
     peer.close();
-    fail_next(KIV_SIM_SOCKET, EMFILE);
-    EXPECT_EQ(read_some(), "status 24");
+    fail_next(KIV_SIM_SOCKET, ENOBUFS);
+    EXPECT_EQ(read_some(), "status 105");
     EXPECT_EQ(events.taken(), "D");
     reports();
 }

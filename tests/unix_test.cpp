@@ -121,13 +121,13 @@ TEST_F(UnixTest, AReconnectionThatFailsIsTriedAgain) {
         SCOPED_TRACE(kiv_sim_call_name(call));
         const unsigned pauses = kiv_sim_calls(KIV_SIM_USLEEP);
         peer.close();
-        fail_next(call, EMFILE, 3);
+        fail_next(call, ENOBUFS, 3);
         AsyncCall text([this] { return read_some(); });
         peer = service.accept();
         expect_read_from(peer, text);
         EXPECT_EQ(kiv_sim_calls(KIV_SIM_USLEEP), pauses + 3);
         lose(peer);
-        fail_next(call, EMFILE);
+        fail_next(call, ENOBUFS);
         EXPECT_EQ(send("lost too"), 0); // a write tries once
         peer = connect_by_writing();
     }

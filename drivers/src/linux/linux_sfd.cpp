@@ -1,47 +1,44 @@
 // The cancellable descriptor: a device and a pipe under one poll. A byte in the pipe ends one read.
 
-#define KIV_MODULE "drivers/src/linux/linux_sfd"
-
-#include "linux/linux_sfd.h"
-
+#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include "common/fd.h"
 #include "common/memory.h"
+#include "kiv/uart.h"
 
-namespace kiv {
+struct kiv_linux_sfd {
+    pollfd waits[2]; // the device, then the pipe's read end
+    int cancel_write;
 
-ssize_t sread_without_data(const kiv_linux_sfd &s) noexcept {
-    if (s.is_cancelled()) {
-        char byte;
-        // There is at least one byte, and nothing to be done should the read fail.
-        [[maybe_unused]] const ssize_t ignored = ::read(s.cancel_read(), &byte, 1);
-        return 0;
-    }
-    // A hang-up or an error. Left as it was, errno could say EINTR and make the caller try for ever.
-    errno = EIO;
-    return -1;
-}
-
-} // namespace kiv
+    [[nodiscard]] int device() const { return waits[0].fd; }
+    [[nodiscard]] int cancel_read() const { return waits[1].fd; }
+    [[nodiscard]] bool has_data() const { return (waits[0].revents & POLLIN) != 0; }
+    [[nodiscard]] bool is_cancelled() const { return (waits[1].revents & POLLIN) != 0; }
+};
 
 kiv_linux_sfd_t *kiv_linux_sopen(const char *path, int oflag) {
-    kiv::unique_fd device(::open(path, oflag));
+    kiv::unique_fd device(kiv::above_standard(::open(path, oflag)));
     if (device.get() < 0)
         return nullptr;
     auto *s = kiv::make_zeroed<kiv_linux_sfd>();
     if (s == nullptr)
         return nullptr;
-    int ends[2];
-    if (::pipe(ends) == -1) {
+    int ends[2] = {-1, -1};
+    const int made = ::pipe(ends);
+    kiv::unique_fd cancel_read(kiv::above_standard(ends[0]));
+    kiv::unique_fd cancel_write(kiv::above_standard(ends[1]));
+    if (made == -1 || cancel_read.get() == -1 || cancel_write.get() == -1) {
         const kiv::errno_guard keep;
         ::free(s);
         return nullptr;
     }
     s->waits[0] = {.fd = device.release(), .events = POLLIN, .revents = 0};
-    s->waits[1] = {.fd = ends[0], .events = POLLIN, .revents = 0};
-    s->cancel_write = ends[1];
+    s->waits[1] = {.fd = cancel_read.release(), .events = POLLIN, .revents = 0};
+    s->cancel_write = cancel_write.release();
     return s;
 }
 
@@ -50,7 +47,19 @@ int kiv_linux_sfdno(kiv_linux_sfd_t *s) {
 }
 
 ssize_t kiv_linux_sread(kiv_linux_sfd_t *s, void *buffer, size_t length) {
-    return kiv::sread(*s, buffer, length);
+    if (::poll(s->waits, 2, -1) < 1)
+        return -1;
+    if (s->has_data())
+        return ::read(s->device(), buffer, length);
+    if (s->is_cancelled()) {
+        char byte;
+        // There is at least one byte, and nothing to be done should the read fail.
+        [[maybe_unused]] const ssize_t ignored = ::read(s->cancel_read(), &byte, 1);
+        return 0;
+    }
+    // A hang-up or an error. Left as it was, errno could say EINTR and make the caller try for ever.
+    errno = EIO;
+    return -1;
 }
 
 ssize_t kiv_linux_sclose_cancel(kiv_linux_sfd_t *s) {
