@@ -43,9 +43,8 @@ static int has_ended(const UART_infos *port) {
 }
 
 static int serve(UART_infos *net, UART_infos *tty) {
-    static const char greeting[] = "connected\r\n";
     if (net->fd < 0)
-        return sup_uart_Send(net, greeting, sizeof greeting - 1);
+        return sup_uart_Send(net, "connected\r\n", 11);
     if (!has_ended(net))
         return pass(net, tty);
     shutdown(net->fd, SHUT_RDWR); /* a write notices that, and makes the port free; its byte is dropped */
@@ -83,7 +82,6 @@ int main(int argc, char **argv) {
     sigprocmask(SIG_BLOCK, &endings, &before);
     sigaction(SIGINT, &action, NULL);
     sigaction(SIGTERM, &action, NULL);
-
     status = sup_uart_Init(&tty, argv[1], UART_SPEED_115200, 0);
     if (status == 0) {
         status = sup_uart_Init(&net, argv[2], 0, 0);
