@@ -14,8 +14,8 @@
  * From then on the port is like any other, sup_uart_close included. Errors, threads and ownership are as
  * uart.h says at its head.
  *
- * Reconnecting. The first attempt after a loss is made at once. After two failures in a row, without a byte in
- * between, a port pauses before the next: half a second, a TCP client 5 seconds. A peer that accepts and
+ * Reconnecting. The first attempt after a loss is made at once. After two failures in a row, without a byte
+ * in between, a port pauses before the next: half a second, a TCP client 5 seconds. A peer that accepts and
  * closes, or a process without a descriptor to spare, so costs no more than that.
  */
 #ifndef KIV_TRANSPORTS_H
@@ -133,8 +133,8 @@ KIV_API int pos_open_unix(UART_infos *port, const char *device_name, unsigned in
  *              call only
  *
  * The record must be prepared: cleared but for its callbacks, which count from the opening on. The service
- * need not be there. A read or a write that finds it gone tries to connect every half second for as long as it
- * takes, and then goes on: no data is dropped knowingly, and a port without its service blocks. When a
+ * need not be there. A read or a write that finds it gone tries to connect every half second for as long as
+ * it takes, and then goes on: no data is dropped knowingly, and a port without its service blocks. When a
  * reader and a writer both see the loss, each makes a new connection, one after the other, and the later one
  * stays.
  *

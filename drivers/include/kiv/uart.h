@@ -19,12 +19,13 @@
  * Errors. A function returns 0 or a status: a positive errno value (22 EINVAL, 19 ENODEV, 5 EIO, 38 ENOSYS
  * and those of the failing system call), and in three places a negative value, named where they occur.
  * Treat every status other than 0 as a failure. A null record gives 22. A record that is all zero, because it
- * was never opened, gives 9 (EBADF). Any other record that is not open is reported and then used all the same.
+ * was never opened, gives 9 (EBADF). Any other record that is not open is reported and then used all the
+ * same.
  *
  * Log. A failing system call is reported by one line in the log category "POS" (see platform.h), an
  * interrupted one, too. Most functions then warn of their status, which is a second line. Silent are the
- * transfers and connections of TCP and Unix ports, those of the GPS demultiplexer but for a socket that cannot
- * be made, and the closing of a tty, which is only warned of.
+ * transfers and connections of TCP and Unix ports, those of the GPS demultiplexer but for a socket that
+ * cannot be made, and the closing of a tty, which is only warned of.
  *
  * Signals. Reads and writes of ttys and of Bluetooth ports go on after a signal. On the other streams a
  * signal whose handler was installed without SA_RESTART ends the connection: a blocked read waits for the
@@ -163,9 +164,9 @@ KIV_API int sup_uart_close(UART_infos *port);
 /* Stops a tty port: waits until all output has been sent, sets UART_SPEED_HANGUP, which drops the modem
  * lines, and releases one reader: the one that is blocked now, or else the next one that finds no data. A
  * timed read between two pieces is not released: it ends by its time-out, and the stop stays for the next
- * read. Stops are counted: each one releases one read, which returns 5 (EIO). The port stays open, and setting
- * a speed makes it work again. Made to be called from another thread than the reader's. Does nothing on ports
- * that are not ttys: a reader that is blocked there waits for its peer.
+ * read. Stops are counted: each one releases one read, which returns 5 (EIO). The port stays open, and
+ * setting a speed makes it work again. Made to be called from another thread than the reader's. Does nothing
+ * on ports that are not ttys: a reader that is blocked there waits for its peer.
  *
  * Returns 0, 22 for a null record, or the errno of the step that failed; the reader is released even then.
  * Blocks while flow control holds the output. */
