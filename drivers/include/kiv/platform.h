@@ -66,7 +66,7 @@ KIV_API uint32_t get_product_revision(void);
  *             system. Must not be null
  *
  * Returns 0, or the errno of opening the file: 2 (ENOENT), 13 (EACCES), 4 when a signal interrupted it, and
- * on 32-bit systems 75 (EOVERFLOW) for a file of 2 GB or more. */
+ * on 32-bit systems 75 (EOVERFLOW) for a file of 2 GB or more. Nothing is logged. */
 KIV_API int32_t kiv_fs_get_fat_attribute(const char *path, uint32_t *attributes);
 
 /* USB links ----------------------------------------------------------------------------------------- */
