@@ -24,8 +24,8 @@
  *
  * Log. A failing system call is reported by one line in the log category "POS" (see platform.h), an
  * interrupted one, too. Most functions then warn of their status, which is a second line. Silent are the
- * transfers and connections of TCP and Unix ports, those of the GPS demultiplexer but for a socket that
- * cannot be made, and the closing of a tty, which is only warned of.
+ * reads, sends and connects of TCP and Unix ports and of the GPS demultiplexer, and the closing of a tty,
+ * which is only warned of.
  *
  * Signals. Reads and writes of ttys and of Bluetooth ports go on after a signal. On the other streams a
  * signal whose handler was installed without SA_RESTART ends the connection: a blocked read waits for the
