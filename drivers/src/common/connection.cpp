@@ -1,8 +1,6 @@
 #include "common/connection.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -61,7 +59,7 @@ void begin_connection(UART_infos &port, int fresh) noexcept {
     set(port.fd, fd);
 }
 
-void end_connection(UART_infos &port, const connection &failed) noexcept {
+void end_connection(UART_infos &port, connection failed) noexcept {
     const int fd = port.fd;
     if (fd < 0 || port.flags != failed.flags)
         return;
@@ -73,20 +71,9 @@ void end_connection(UART_infos &port, const connection &failed) noexcept {
         ::close(fd); // a number as large as that has no place
 }
 
-void lose_connection(UART_infos &port, const connection &failed, sup_mutex_t &mutex) noexcept {
+void lose_connection(UART_infos &port, connection failed, sup_mutex_t &mutex) noexcept {
     const mutex_hold hold(mutex);
     end_connection(port, failed);
-}
-
-int send_or_drop(UART_infos &port, const connection &now, const void *buffer, unsigned int length,
-                 sup_mutex_t &mutex) noexcept {
-    if (now.fd >= 0) {
-        const ssize_t count = ::send(now.fd, buffer, length, MSG_NOSIGNAL);
-        if (count > 0)
-            return static_cast<int>(count);
-        lose_connection(port, now, mutex);
-    }
-    return static_cast<int>(std::min<unsigned int>(length, INT_MAX));
 }
 
 void release_connection(UART_infos &port) noexcept {

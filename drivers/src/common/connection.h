@@ -16,6 +16,10 @@
 #ifndef KIV_COMMON_CONNECTION_H
 #define KIV_COMMON_CONNECTION_H
 
+#include <algorithm>
+#include <climits>
+#include <sys/socket.h>
+
 #include "common/hints.h"
 #include "common/lock.h"
 #include "common/shared.h"
@@ -42,7 +46,7 @@ KIV_HOT connection current_connection(const UART_infos &port, sup_mutex_t &mutex
 }
 
 // Whether nobody has ended it yet.
-inline bool stands(const UART_infos &port, const connection &which) noexcept {
+inline bool stands(const UART_infos &port, connection which) noexcept {
     return seen(port.fd) == which.fd && seen(port.flags) == which.flags;
 }
 
@@ -55,18 +59,26 @@ bool had_connection(const UART_infos &port) noexcept;
 void begin_connection(UART_infos &port, int fresh) noexcept;
 
 // Ends the connection on which a call has failed, unless that has been done already.
-void end_connection(UART_infos &port, const connection &failed) noexcept;
+void end_connection(UART_infos &port, connection failed) noexcept;
 
 // The same for a transport whose lock is not held.
-void lose_connection(UART_infos &port, const connection &failed, sup_mutex_t &mutex) noexcept;
-
-// Sends on a connection, if it is one, and loses it when that fails. What nobody takes is dropped and counts
-// as sent. Returns the count.
-int send_or_drop(UART_infos &port, const connection &now, const void *buffer, unsigned int length,
-                 sup_mutex_t &mutex) noexcept;
+KIV_COLD void lose_connection(UART_infos &port, connection failed, sup_mutex_t &mutex) noexcept;
 
 // Closes the connection, or gives back the number of the last one, of a port that is being closed.
 void release_connection(UART_infos &port) noexcept;
+
+// Sends on a connection, if it is one, and loses it when that fails. What nobody takes is dropped and counts
+// as sent. Returns the count.
+inline int send_or_drop(UART_infos &port, connection now, const void *buffer, unsigned int length,
+                        sup_mutex_t &mutex) noexcept {
+    if (now.fd >= 0) {
+        const ssize_t count = ::send(now.fd, buffer, length, MSG_NOSIGNAL);
+        if (count > 0)
+            return static_cast<int>(count);
+        lose_connection(port, now, mutex);
+    }
+    return static_cast<int>(std::min<unsigned int>(length, INT_MAX));
+}
 
 // Makes the descriptor of the port's next connection: what make returns, that or -1 with errno. If the
 // process or the system has none to spare, the kept number is given up for it, and the attempt made again.

@@ -1,14 +1,20 @@
 #include "common/fd.h"
 
-#include <fcntl.h>
+#include "common/hints.h"
 
 namespace kiv {
 
+namespace {
+
+KIV_COLD int moved_up(int fd) noexcept {
+    const unique_fd low(fd); // taken until the next is found, so that it is another
+    return above_standard(::dup(fd));
+}
+
+} // namespace
+
 int above_standard(int fd) noexcept {
-    if (fd < 0 || fd > STDERR_FILENO)
-        return fd;
-    const unique_fd low(fd);
-    return ::fcntl(fd, F_DUPFD, STDERR_FILENO + 1);
+    return fd >= STDIN_FILENO && fd <= STDERR_FILENO ? moved_up(fd) : fd;
 }
 
 } // namespace kiv

@@ -33,12 +33,21 @@ static_assert(offsetof(kiv_i2c_message, len) == sizeof(void *));
 static_assert(offsetof(kiv_i2c_message, flags) == sizeof(void *) + 4);
 static_assert(sizeof(kiv_i2c_message) == sizeof(void *) + 8);
 
-static_assert(sizeof(i2c_msg) == 8 + sizeof(void *) && offsetof(i2c_msg, buf) == 8);
 static_assert(I2C_SLAVE_FORCE == 0x0706 && I2C_RDWR == 0x0707 && I2C_M_RD == KIV_I2C_READ);
 static_assert(KIV_I2C_MAX_MSGS <= I2C_RDWR_IOCTL_MAX_MSGS);
 static_assert(O_RDWR == 02);
 
 namespace {
+
+// The kernel's i2c_msg, with a name for the room between its fields: the kernel reads that, too.
+struct kernel_message {
+    uint16_t addr, flags, len, unused;
+    uint8_t *buf;
+};
+static_assert(sizeof(kernel_message) == sizeof(i2c_msg) &&
+              offsetof(kernel_message, buf) == offsetof(i2c_msg, buf));
+static_assert(offsetof(kernel_message, flags) == offsetof(i2c_msg, flags) &&
+              offsetof(kernel_message, len) == offsetof(i2c_msg, len));
 
 constexpr char default_bus[] = "/dev/i2c-0";
 constexpr char refused_bus[] = "/dev/usb-i2c";
@@ -134,19 +143,17 @@ int32_t kiv_i2c_msg(kiv_i2c_device *device, const kiv_i2c_message *msgs, int32_t
         return EINVAL;
     if (device->tx != nullptr)
         return device->msg != nullptr ? device->msg(device, msgs, count) : ENODEV;
-    i2c_msg messages[KIV_I2C_MAX_MSGS];
-    ::memset(messages, 0, sizeof messages); // what is between the fields, too: the kernel reads all of it
-    for (int32_t i = 0; i < count; ++i) {
-        messages[i].addr = static_cast<uint16_t>(device->address);
-        messages[i].flags = static_cast<uint16_t>(msgs[i].flags);
-        messages[i].len = static_cast<uint16_t>(msgs[i].len);
-        messages[i].buf = msgs[i].buf;
-    }
-    // The kernel refuses a negative count, as a number too large for it.
+    kernel_message messages[KIV_I2C_MAX_MSGS];
+    for (int32_t i = 0; i < count; ++i)
+        messages[i] = {.addr = static_cast<uint16_t>(device->address),
+                       .flags = static_cast<uint16_t>(msgs[i].flags),
+                       .len = static_cast<uint16_t>(msgs[i].len),
+                       .unused = 0,
+                       .buf = msgs[i].buf};
     i2c_rdwr_ioctl_data msg_rdwr;
     ::memset(&msg_rdwr, 0, sizeof msg_rdwr);
-    msg_rdwr.msgs = messages;
-    msg_rdwr.nmsgs = static_cast<uint32_t>(count);
+    msg_rdwr.msgs = reinterpret_cast<i2c_msg *>(messages);
+    msg_rdwr.nmsgs = static_cast<uint32_t>(count); // the kernel refuses a negative one as too large
     if (::ioctl(device->fd, I2C_RDWR, &msg_rdwr) == -1)
         return trace_errno(KIV_SITE("ret = ioctl(device->fd, 0x0707, &msg_rdwr)"));
     return 0;

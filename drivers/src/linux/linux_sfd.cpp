@@ -1,24 +1,29 @@
 // The cancellable descriptor: a device and a pipe under one poll. A byte in the pipe ends one read.
 
+#include "linux/linux_sfd.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
-#include <poll.h>
-#include <unistd.h>
 
 #include "common/fd.h"
 #include "common/memory.h"
-#include "kiv/uart.h"
 
-struct kiv_linux_sfd {
-    pollfd waits[2]; // the device, then the pipe's read end
-    int cancel_write;
+namespace kiv {
 
-    [[nodiscard]] int device() const { return waits[0].fd; }
-    [[nodiscard]] int cancel_read() const { return waits[1].fd; }
-    [[nodiscard]] bool has_data() const { return (waits[0].revents & POLLIN) != 0; }
-    [[nodiscard]] bool is_cancelled() const { return (waits[1].revents & POLLIN) != 0; }
-};
+ssize_t sread_without_data(const kiv_linux_sfd &s) noexcept {
+    if (s.is_cancelled()) {
+        char byte;
+        // There is at least one byte, and nothing to be done should the read fail.
+        [[maybe_unused]] const ssize_t ignored = ::read(s.cancel_read(), &byte, 1);
+        return 0;
+    }
+    // A hang-up or an error. Left as it was, errno could say EINTR and make the caller try for ever.
+    errno = EIO;
+    return -1;
+}
+
+} // namespace kiv
 
 kiv_linux_sfd_t *kiv_linux_sopen(const char *path, int oflag) {
     kiv::unique_fd device(kiv::above_standard(::open(path, oflag)));
@@ -47,19 +52,7 @@ int kiv_linux_sfdno(kiv_linux_sfd_t *s) {
 }
 
 ssize_t kiv_linux_sread(kiv_linux_sfd_t *s, void *buffer, size_t length) {
-    if (::poll(s->waits, 2, -1) < 1)
-        return -1;
-    if (s->has_data())
-        return ::read(s->device(), buffer, length);
-    if (s->is_cancelled()) {
-        char byte;
-        // There is at least one byte, and nothing to be done should the read fail.
-        [[maybe_unused]] const ssize_t ignored = ::read(s->cancel_read(), &byte, 1);
-        return 0;
-    }
-    // A hang-up or an error. Left as it was, errno could say EINTR and make the caller try for ever.
-    errno = EIO;
-    return -1;
+    return kiv::sread(*s, buffer, length);
 }
 
 ssize_t kiv_linux_sclose_cancel(kiv_linux_sfd_t *s) {

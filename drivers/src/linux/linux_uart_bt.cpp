@@ -209,15 +209,18 @@ int bluez_open_dev(int dev_id) {
     return fd;
 }
 
-// Traces a device request that has failed. Returns its errno.
-KIV_COLD int trace_request(unsigned long request, const char *argument, const char *function, int line) {
-    return kiv::report::trace_request({.fd = "UART_infos->fd",
-                                       .direction = "1U",
-                                       .type = 'H',
-                                       .number = static_cast<unsigned int>(_IOC_NR(request)),
-                                       .size = "int",
-                                       .argument = argument},
-                                      function, line, KIV_MODULE);
+// Makes a device request on behalf of pos_open_bt_generic; argument is what its trace shows of the value.
+int device_request(int device, unsigned long request, int value, const char *argument) {
+    const int ret = ::ioctl(device, request, value);
+    if (ret == -1)
+        kiv::report::trace_request({.fd = "UART_infos->fd",
+                                    .direction = "1U",
+                                    .type = 'H',
+                                    .number = static_cast<unsigned int>(_IOC_NR(request)),
+                                    .size = "int",
+                                    .argument = argument},
+                                   "pos_open_bt_generic", __LINE__, KIV_MODULE);
+    return ret;
 }
 
 // The order is fixed: a device changes to raw mode while it is down, so that the kernel's own stack leaves it
@@ -235,17 +238,12 @@ int pos_open_bt_generic(UART_infos *port, const char *dev_number, opening_type t
         return trace_errno(KIV_SITE("UART_infos->fd = bluez_open_dev(dev_id)"));
     if (::setsockopt(device.get(), SOL_HCI, HCI_FILTER, &everything, sizeof everything) == -1)
         return trace_errno(KIV_SITE("ret = setsockopt(UART_infos->fd, 0, 2, &filter, sizeof(filter))"));
-    if (::ioctl(device.get(), HCIDEVDOWN, dev_id) == -1)
-        return trace_request(HCIDEVDOWN, "dev_id", __func__, __LINE__);
-    const int ret = ::ioctl(device.get(), HCISETRAW, 1);
-    if (ret != 0) {
-        const int error = ret == -1 ? trace_request(HCISETRAW, "1", __func__, __LINE__) : 0;
-        check(false, KIV_SITE("\"no CAP_NET_ADMIN right ???\\n\" && ret == 0"));
-        if (ret == -1)
-            return error;
-    }
-    if (::ioctl(device.get(), HCIDEVUP, dev_id) == -1)
-        return trace_request(HCIDEVUP, "dev_id", __func__, __LINE__);
+    if (device_request(device.get(), HCIDEVDOWN, dev_id, "dev_id") == -1)
+        return errno;
+    const int ret = device_request(device.get(), HCISETRAW, 1, "1");
+    check(ret == 0, KIV_SITE("\"no CAP_NET_ADMIN right ???\\n\" && ret == 0"));
+    if (ret == -1 || device_request(device.get(), HCIDEVUP, dev_id, "dev_id") == -1)
+        return errno;
 
     // What an earlier port has left half read or half written is not for this one.
     empty_cache();

@@ -34,6 +34,7 @@
 #include "common/wait.h"
 #include "kiv/platform.h"
 #include "kiv/transports.h"
+#include "linux/linux_sfd.h"
 
 using kiv::check;
 using kiv::seen;
@@ -85,7 +86,7 @@ bool was_never_opened(const UART_infos &port) {
            port.change_stop_bits == nullptr;
 }
 
-bool is_open(const UART_infos *port) {
+KIV_HOT bool is_open(const UART_infos *port) {
     return port != nullptr && port->magic == UART_MAGIC;
 }
 
@@ -245,10 +246,10 @@ int sup_uart_Init(UART_infos *port, const char *device_name, unsigned int speed,
 
 namespace {
 
-KIV_HOT int pos_read(UART_infos *port, void *buffer, unsigned int length) {
+inline int pos_read(UART_infos *port, void *buffer, unsigned int length) {
     if (port->read != nullptr)
         return port->read(port, buffer, length);
-    return static_cast<int>(kiv_linux_sread(port->kiv_linux_sfd, buffer, length));
+    return static_cast<int>(kiv::sread(*port->kiv_linux_sfd, buffer, length));
 }
 
 KIV_HOT int pos_write(UART_infos *port, const void *buffer, unsigned int length) {
@@ -317,7 +318,7 @@ int sup_uart_Read(UART_infos *port, void *buffer, unsigned int *length) {
         return KIV_WARN(EIO);
     auto *at = static_cast<char *>(buffer);
     unsigned int remaining = *length;
-    while (remaining > 0) {
+    do {
         const int got =
             read_some(port, at, remaining,
                       KIV_SITE("ret = pos_read(UART_infos, buffer + (*length - remaining), remaining)"));
@@ -327,7 +328,7 @@ int sup_uart_Read(UART_infos *port, void *buffer, unsigned int *length) {
         }
         at += got;
         remaining -= static_cast<unsigned int>(got);
-    }
+    } while (remaining > 0);
     return 0;
 }
 
@@ -392,15 +393,15 @@ namespace {
 
 // A send of any length, on behalf of sup_uart_Send: a piece of a gathered one may be longer, on hosts of 64
 // bits, than a slot can be told.
-int send_all(UART_infos *port, const void *buffer, size_t length) {
+inline int send_all(UART_infos *port, const void *buffer, size_t length) {
     constexpr const char *function = "sup_uart_Send";
-    const int refusal = check_record(port, function, __LINE__);
+    const int refusal = is_open(port) ? 0 : refuse_record(port, function, __LINE__);
     if (refusal != 0)
         return refusal;
     if (length == 0)
         return warn(EIO, function, __LINE__);
     const auto *at = static_cast<const char *>(buffer);
-    while (length > 0) {
+    do {
         const int ret = pos_write(port, at, static_cast<unsigned int>(std::min<size_t>(length, UINT_MAX)));
         if (ret > 0) {
             at += ret;
@@ -412,7 +413,7 @@ int send_all(UART_infos *port, const void *buffer, size_t length) {
                                   "ret = pos_write(UART_infos, buffer + (length - remaining), remaining)"));
         if (status != EINTR)
             return status;
-    }
+    } while (length > 0);
     return 0;
 }
 
@@ -445,7 +446,7 @@ int sup_uart_Send(UART_infos *port, const void *buffer, unsigned int length) {
 
 int sup_uart_Sendv(UART_infos *port, const struct iovec *iov, int iovcnt, unsigned int *sent) {
     *sent = 0;
-    const int refusal = check_record(port, __func__, __LINE__);
+    const int refusal = is_open(port) ? 0 : refuse_record(port, __func__, __LINE__);
     if (refusal != 0)
         return refusal;
     if (port->writev != nullptr)

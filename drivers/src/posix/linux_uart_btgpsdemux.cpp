@@ -117,7 +117,7 @@ KIV_COLD int renew(UART_infos &port, connection &now, bool failed_by_itself) {
 enum class direction { out, in };
 
 // One loop for both ways. The buffer is only read from when bytes go out.
-int transfer(UART_infos &port, direction way, void *buffer, unsigned int length) {
+inline int transfer(UART_infos &port, direction way, void *buffer, unsigned int length) {
     connection now = current_connection(port, state_of(port).mutex);
     int status = now.fd >= 0 ? 0 : renew(port, now, false);
     for (bool failed_before = false; status == 0; failed_before = true) {

@@ -162,7 +162,8 @@ void pause_before_retry(side which) {
         ::usleep(server_retry_delay_us);
 }
 
-int read_stream(UART_infos *port, void *buffer, unsigned int length, side which, const char *function) {
+inline int read_stream(UART_infos *port, void *buffer, unsigned int length, side which,
+                       const char *function) {
     for (bool failed_before = false;; failed_before = true) {
         kiv::check(seen(port->fd) != waiting, KIV_ON_BEHALF_OF(function, "UART_infos->fd != -2"));
         connection now = current_connection(*port, tcp_mutex);
@@ -185,9 +186,9 @@ int pos_read_tcp_client(UART_infos *port, void *buffer, unsigned int length) {
     return read_stream(port, buffer, length, side::client, __func__);
 }
 
-int write_stream(UART_infos *port, const void *buffer, unsigned int length, side which) {
+inline int write_stream(UART_infos *port, const void *buffer, unsigned int length, side which) {
     connection now = current_connection(*port, tcp_mutex);
-    if (now.fd == nobody)
+    if (now.fd < 0)
         now = try_peer(*port, which);
     return kiv::send_or_drop(*port, now, buffer, length, tcp_mutex);
 }
