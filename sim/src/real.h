@@ -61,6 +61,10 @@ int __setsockopt64(int fd, int level, int option, const void *value, socklen_t l
 int __getsockopt64(int fd, int level, int option, void *value, socklen_t *length) noexcept;
 int __nanosleep64(const timespec64 *wanted, timespec64 *left);
 int __clock_nanosleep_time64(clockid_t clock, int flags, const timespec64 *wanted, timespec64 *left);
+int __stat64_time64(const char *path, stat64_time64 *found);
+int __lstat64_time64(const char *path, stat64_time64 *found);
+int __fstat64_time64(int fd, stat64_time64 *found);
+int __fstatat64_time64(int directory, const char *path, stat64_time64 *found, int flags);
 }
 #    define KIV_SIM_TIME64_CALLS(X)                                                                          \
         X(__ioctl_time64)                                                                                    \
