@@ -29,6 +29,7 @@ int __ppoll_chk(pollfd *entries, nfds_t count, const timespec *timeout, const si
 }
 
 // termios.h and the kernel's header of that name cannot be included together, and models need the latter.
+// NOLINTBEGIN(readability-redundant-declaration): the shim includes the former
 struct termios;
 extern "C" {
 int tcgetattr(int fd, termios *settings) noexcept;
@@ -38,6 +39,7 @@ int tcflush(int fd, int queue) noexcept;
 int tcflow(int fd, int action) noexcept;
 int tcsendbreak(int fd, int duration) noexcept;
 }
+// NOLINTEND(readability-redundant-declaration)
 
 // 32-bit systems have a second set of names for programs whose time_t has 64 bits.
 #if defined(__TIMESIZE) && __TIMESIZE == 32
