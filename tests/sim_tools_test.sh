@@ -54,7 +54,7 @@ END
 9600
 END
     KIV_SIM_TTY0=ecko expect 0 stty -F /dev/ttyKIV0 speed <<'END'
-kiv-sim: KIV_SIM_TTY0=ecko is ignored; it takes echo, silent, /path or @name
+kiv-sim: KIV_SIM_TTY0: "ecko" is ignored; it takes echo, silent, /path or @name
 9600
 END
     ;;
@@ -128,7 +128,7 @@ i2cget)
 Error: Could not set address to 0x50: Device or resource busy
 END
     KIV_SIM_FAIL=ioctl=EBUSY@2,ioctl=5@0 expect 0 i2cget -y 0 0x50 0 <<'END'
-kiv-sim: KIV_SIM_FAIL=ioctl=EBUSY@2,ioctl=5@0 is ignored; it takes CALL=ERRNO[@N[+]],... with the calls of kiv/sim.h, as read=EIO@3
+kiv-sim: KIV_SIM_FAIL: "ioctl=EBUSY@2,ioctl=5@0" is ignored; it takes CALL=ERRNO[@N[+]],... with the calls of kiv/sim.h, as read=EIO@3
 0xff
 END
     ;;
