@@ -1,6 +1,7 @@
 #!/bin/sh
 # Builds and runs consumers of an installed tree: check_consumer.sh HOW STAGE PREFIX WORK
-#   HOW     pkg-config, find_package, or external: the library built anew against the installed kiv-core
+#   HOW     pkg-config, find_package, or external: the library built anew against the installed kiv-core;
+#           system: by both, from the directories that they know, with the simulated board and static libraries
 #   STAGE   the folder that DESTDIR named; everything lies in its PREFIX
 #   WORK    a folder of this check's own, emptied first
 # CC and CXX are the compilers; for another processor, TOOLCHAIN is CMake's tool chain file and EMULATOR runs programs.
@@ -20,7 +21,7 @@ by_pkg_config() { # by_pkg_config PROGRAM PACKAGE [COMPILER'S OPTION]...
     shift 2
     # shellcheck disable=SC2046,SC2086
     ${CC:-cc} "$@" "$here/consumer/$program.c" $(pkg-config ${options:-} --cflags --libs "$package >= 1.0") \
-        "-Wl,-rpath,$libraries" -o "$work/$program"
+        ${libraries:+"-Wl,-rpath,$libraries"} -o "$work/$program"
     run "$work/$program"
 }
 
@@ -49,6 +50,15 @@ pkg-config)
     if [ -e "$libraries/libkiv-drivers.a" ]; then
         PKG_CONFIG_SYSROOT_DIR=$stage options=--static by_pkg_config consumer kiv-drivers -static
     fi
+    ;;
+system)
+    by_pkg_config consumer kiv-drivers
+    by_pkg_config consumer_on_board kiv-sim -Wl,--as-needed
+    options=--static by_pkg_config consumer kiv-drivers -static
+    by_find_package /
+    for program in consumer consumer_static consumer_on_board; do
+        test -x "$work/build/$program"
+    done
     ;;
 find_package)
     cp -a "$prefix" "$work/moved"
