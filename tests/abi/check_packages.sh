@@ -34,7 +34,11 @@ check_architecture() { # check_architecture NAME PRESET
     cmake --build --preset "$2"
     dpkg -i "build/$2"/*.deb
     # A unit's program has to be there; it is not while the packages are built without it.
-    [[ -e /usr/bin/kivctl ]] || install -m 755 /dev/null /usr/bin/kivctl
+    if dpkg-query -S /usr/bin/kivctl; then
+        ${EMULATOR:-} /usr/bin/kivctl --help
+    else
+        install -m 755 /dev/null /usr/bin/kivctl
+    fi
     systemd-analyze verify --man=no kivctl-bridge@x.service
     systemd-analyze security --offline=true --threshold=20 kivctl-bridge@x.service | tail -n 1
     dpkg-query -S /usr/bin/kivctl || rm /usr/bin/kivctl
