@@ -11,6 +11,9 @@ KIV_FOR_ARM='arm-linux-gnueabi-g++:g++-arm-linux-gnueabi qemu-arm-static:qemu-us
 KIV_FOR_CLANG='clang++-14:clang-14 /usr/lib/llvm-14/lib/clang/14.0.6/lib/linux:libclang-rt-14-dev'
 KIV_FOR_LINT='clang-tidy-14:clang-tidy-14 clang-format-14:clang-format-14 cppcheck:cppcheck git:git'
 KIV_FOR_DOCS='scdoc:scdoc mandoc:mandoc doxygen:doxygen'
+KIV_FOR_PACKAGES='scdoc:scdoc unshare:util-linux ip:iproute2 socat:socat systemd-analyze:systemd file:file
+    make:make'
+KIV_FOR_ABI='abidw:abigail-tools'
 KIV_FOR_BENCH='/usr/include/benchmark/benchmark.h:libbenchmark-dev valgrind:valgrind strace:strace'
 
 # missing_packages NEEDS...: the packages that are not there, one a line.
