@@ -20,8 +20,8 @@ char data[block];
 struct way {
     const char *name;
     void (*open)(ends *, int use_library);
-    int (*library)(ends &);
-    int (*floor)(ends &);
+    int (*through_library)(ends &);
+    int (*through_floor)(ends &);
     bool reads;
     int blocks; // in one run: a pseudo-terminal is slower than a socket
 };
@@ -82,7 +82,7 @@ void transfer(benchmark::State &state, const way &how, bool use_library) {
     ends line;
     how.open(&line, use_library);
     const pid_t peer = start_peer(line.peer, how.reads);
-    const auto call = use_library ? how.library : how.floor;
+    const auto call = use_library ? how.through_library : how.through_floor;
     for ([[maybe_unused]] auto round : state)
         must(call(line) == 0, "move");
     state.SetBytesProcessed(state.iterations() * block);
