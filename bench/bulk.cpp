@@ -95,7 +95,7 @@ void transfer(benchmark::State &state, const way &how, bool use_library) {
 void use_one_processor() {
     cpu_set_t one;
     CPU_ZERO(&one);
-    CPU_SET(::sched_getcpu(), &one);
+    CPU_SET(static_cast<std::size_t>(::sched_getcpu()), &one);
     must(::sched_setaffinity(0, sizeof one, &one) == 0, "sched_setaffinity");
 }
 

@@ -59,9 +59,9 @@ void begin_connection(UART_infos &port, int fresh) noexcept {
     set(port.fd, fd);
 }
 
-void end_connection(UART_infos &port, connection failed) noexcept {
+void end_connection(UART_infos &port, uint32_t failed) noexcept {
     const int fd = port.fd;
-    if (fd < 0 || port.flags != failed.flags)
+    if (fd < 0 || port.flags != failed)
         return;
     set(port.fd, -1);
     ::shutdown(fd, SHUT_RDWR);
@@ -71,7 +71,7 @@ void end_connection(UART_infos &port, connection failed) noexcept {
         ::close(fd); // a number as large as that has no place
 }
 
-void lose_connection(UART_infos &port, connection failed, sup_mutex_t &mutex) noexcept {
+void lose_connection(UART_infos &port, uint32_t failed, sup_mutex_t &mutex) noexcept {
     const mutex_hold hold(mutex);
     end_connection(port, failed);
 }

@@ -58,11 +58,11 @@ bool had_connection(const UART_infos &port) noexcept;
 // Makes a fresh descriptor the port's connection, under the kept number if there is one.
 void begin_connection(UART_infos &port, int fresh) noexcept;
 
-// Ends the connection on which a call has failed, unless that has been done already.
-void end_connection(UART_infos &port, connection failed) noexcept;
+// Ends the connection on which a call has failed, unless that has been done already: failed is its flags.
+void end_connection(UART_infos &port, uint32_t failed) noexcept;
 
 // The same for a transport whose lock is not held.
-KIV_COLD void lose_connection(UART_infos &port, connection failed, sup_mutex_t &mutex) noexcept;
+KIV_COLD void lose_connection(UART_infos &port, uint32_t failed, sup_mutex_t &mutex) noexcept;
 
 // Closes the connection, or gives back the number of the last one, of a port that is being closed.
 void release_connection(UART_infos &port) noexcept;
@@ -75,7 +75,7 @@ inline int send_or_drop(UART_infos &port, connection now, const void *buffer, un
         const ssize_t count = ::send(now.fd, buffer, length, MSG_NOSIGNAL);
         if (count > 0)
             return static_cast<int>(count);
-        lose_connection(port, now, mutex);
+        lose_connection(port, now.flags, mutex);
     }
     return static_cast<int>(std::min<unsigned int>(length, INT_MAX));
 }

@@ -86,7 +86,7 @@ void begin(UART_infos &port, int fd) {
 
 // With the mutex held. Returns 0 when connected, or the error of a socket that could not be made.
 int btgpsdemux_reconnect(UART_infos &port, late_trace &failure) {
-    kiv::end_connection(port, current_connection(port));
+    kiv::end_connection(port, port.flags);
     if (state_of(port).never_connected == 0)
         tell(port, port.status_cb.disconnected);
     kiv::unique_fd fresh(kiv::next_descriptor(port, kiv::unix_socket));

@@ -172,7 +172,7 @@ inline int read_stream(UART_infos *port, void *buffer, unsigned int length, side
         const ssize_t count = now.fd >= 0 ? ::read(now.fd, buffer, length) : 0;
         if (count > 0)
             return static_cast<int>(count);
-        kiv::lose_connection(*port, now, tcp_mutex);
+        kiv::lose_connection(*port, now.flags, tcp_mutex);
         if (failed_before)
             pause_before_retry(which);
     }

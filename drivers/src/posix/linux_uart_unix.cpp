@@ -69,7 +69,7 @@ int pos_read_unix(UART_infos *port, void *buffer, unsigned int length) {
             const ssize_t count = ::read(now.fd, buffer, length);
             if (count > 0)
                 return static_cast<int>(count);
-            kiv::lose_connection(*port, now, unix_mutex);
+            kiv::lose_connection(*port, now.flags, unix_mutex);
             if (failed_before)
                 ::usleep(UNIX_RETRY_DELAY_US);
         }
