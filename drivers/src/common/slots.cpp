@@ -34,6 +34,7 @@ void detach(UART_infos &port) noexcept {
     port.write = write_closed;
     port.writev = nullptr;
     port.close = close_closed;
+    port.fd_listen = 0;
     port.priv = nullptr;
 }
 

@@ -605,7 +605,6 @@ int close_stream(UART_infos &port) {
     kiv::release_connection(port);
     if (port.fd_listen > 0)
         ::close(port.fd_listen);
-    port.fd_listen = 0;
     ::free(port.priv);
     kiv::detach(port);
     return 0;

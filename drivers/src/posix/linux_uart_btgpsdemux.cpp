@@ -102,14 +102,12 @@ int btgpsdemux_reconnect(UART_infos &port, late_trace &failure) {
 
 // After a call has failed on a connection, or has found none. One that failed by itself makes the next
 // connection, even if the other thread has just made one, since both have seen the link fail. One that has
-// only been cut off by the other thread's reconnection goes on with the connection that stands. now becomes
-// that connection. Returns as btgpsdemux_reconnect does.
-KIV_COLD int renew(UART_infos &port, connection &now, bool failed_by_itself) {
+// only been cut off by the other thread's reconnection goes on with the connection that stands. Returns as
+// btgpsdemux_reconnect does.
+KIV_COLD int renew(UART_infos &port, bool failed_by_itself) {
     late_trace failure;
     const mutex_hold hold(state_of(port).mutex);
-    const int status = failed_by_itself || port.fd == -1 ? btgpsdemux_reconnect(port, failure) : 0;
-    now = current_connection(port);
-    return status;
+    return failed_by_itself || port.fd == -1 ? btgpsdemux_reconnect(port, failure) : 0;
 }
 
 // 3. Data -----------------------------------------------------------------------------------------------
@@ -119,20 +117,25 @@ enum class direction { out, in };
 // One loop for both ways. The buffer is only read from when bytes go out.
 inline int transfer(UART_infos &port, direction way, void *buffer, unsigned int length) {
     connection now = current_connection(port, state_of(port).mutex);
-    int status = now.fd >= 0 ? 0 : renew(port, now, false);
-    for (bool failed_before = false; status == 0; failed_before = true) {
-        const ssize_t count =
-            way == direction::out ? ::write(now.fd, buffer, length) : ::read(now.fd, buffer, length);
-        if (count > 0)
-            return static_cast<int>(count);
-        // Asked at once: whoever cuts this call off takes the connection out of the record before.
-        const bool failed_by_itself = kiv::stands(port, now);
-        if (failed_before && failed_by_itself)
-            ::usleep(retry_interval_us);
-        status = renew(port, now, failed_by_itself);
+    for (bool failed_before = false;; failed_before = true) {
+        bool failed_by_itself = false;
+        if (now.fd >= 0) {
+            const ssize_t count =
+                way == direction::out ? ::write(now.fd, buffer, length) : ::read(now.fd, buffer, length);
+            if (count > 0)
+                return static_cast<int>(count);
+            // Asked at once: whoever cuts this call off takes the connection out of the record before.
+            failed_by_itself = kiv::stands(port, now);
+            if (failed_before && failed_by_itself)
+                ::usleep(retry_interval_us);
+        }
+        const int status = renew(port, failed_by_itself);
+        if (status != 0) {
+            errno = status; // not before the mutex is free: kiv-core's unlocking may set it
+            return -1;
+        }
+        now = current_connection(port);
     }
-    errno = status; // not before the mutex is free: kiv-core's unlocking may set it
-    return -1;
 }
 
 int pos_btgpsdemux_read(UART_infos *port, void *buffer, unsigned int length) {

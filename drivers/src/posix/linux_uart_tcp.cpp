@@ -129,25 +129,22 @@ bool begin_wait(UART_infos &port) {
     return true;
 }
 
-// The reader's way to a connection. Returns the one that stands then, or none when the wait failed: the port
-// is as before it.
-KIV_COLD connection await_peer(UART_infos &port, side which) {
+// The reader's way to a connection. When the wait fails, the port is as before it.
+KIV_COLD void await_peer(UART_infos &port, side which) {
     late_trace failure;
     const int obtained = begin_wait(port) ? obtain(port, which, patience::until_connected, failure) : -1;
     const mutex_hold hold(tcp_mutex);
     adopt(port, which, obtained);
     if (port.fd == waiting)
         set(port.fd, nobody);
-    return current_connection(port);
 }
 
 // The writer's: it takes what is there at once.
-KIV_COLD connection try_peer(UART_infos &port, side which) {
+KIV_COLD void try_peer(UART_infos &port, side which) {
     late_trace failure;
     const mutex_hold hold(tcp_mutex);
     if (port.fd == nobody)
         adopt(port, which, obtain(port, which, patience::once, failure));
-    return current_connection(port);
 }
 
 // 3. Data -----------------------------------------------------------------------------------------------
@@ -167,8 +164,10 @@ inline int read_stream(UART_infos *port, void *buffer, unsigned int length, side
     for (bool failed_before = false;; failed_before = true) {
         kiv::check(seen(port->fd) != waiting, KIV_ON_BEHALF_OF(function, "UART_infos->fd != -2"));
         connection now = current_connection(*port, tcp_mutex);
-        if (now.fd < 0)
-            now = await_peer(*port, which);
+        if (now.fd < 0) {
+            await_peer(*port, which);
+            now = current_connection(*port);
+        }
         const ssize_t count = now.fd >= 0 ? ::read(now.fd, buffer, length) : 0;
         if (count > 0)
             return static_cast<int>(count);
@@ -188,8 +187,10 @@ int pos_read_tcp_client(UART_infos *port, void *buffer, unsigned int length) {
 
 inline int write_stream(UART_infos *port, const void *buffer, unsigned int length, side which) {
     connection now = current_connection(*port, tcp_mutex);
-    if (now.fd < 0)
-        now = try_peer(*port, which);
+    if (now.fd < 0) {
+        try_peer(*port, which);
+        now = current_connection(*port);
+    }
     return kiv::send_or_drop(*port, now, buffer, length, tcp_mutex);
 }
 
@@ -323,8 +324,6 @@ int pos_close_tcp_client(UART_infos *port) {
         return kiv::refuse_null(KIV_SITE("(UART_infos) != ((void *)0)"));
     if (port->priv != nullptr) // the opening came as far as the address, so fd is the port's
         kiv::release_connection(*port);
-    port->fd = -1;
-    port->fd_listen = -1;
     ::free(port->priv);
     kiv::detach(*port);
     return 0;
