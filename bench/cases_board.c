@@ -19,17 +19,15 @@
 #include "kiv/i2c.h"
 #include "kiv/network.h"
 #include "kiv/sim.h"
-#include "kiv/uart.h"
 
 /* HCI ----------------------------------------------------------------------------------------------- */
 
 enum { commands = 10, longest_packet = 1029 };
 static UART_infos port;
 static unsigned char stream[longest_packet], packet[longest_packet], taken[longest_packet];
-static unsigned int collected, total;
+static unsigned int collected, total, packet_size, wanted;
 
-static void start_hci(int use_library) {
-    (void)use_library;
+static void start_hci(void) {
     must(sup_uart_Init(&port, "hci0", 0, 0) == 0, "sup_uart_Init");
     kiv_sim_hci_config config;
     kiv_sim_hci_get_config(0, &config);
@@ -37,15 +35,22 @@ static void start_hci(int use_library) {
     kiv_sim_hci_set_config(0, &config);
 }
 
-static void start_commands(int use_library) {
-    start_hci(use_library);
+static void start_commands(int use_library, unsigned int size) {
+    (void)use_library, (void)size;
+    start_hci();
     for (int i = 0; i < commands; ++i)
         memcpy(stream + 4 * i, "\x01\x03\x0c", 4);
 }
 
-static void start_acl(int use_library) {
-    start_hci(use_library);
-    memcpy(stream, "\x02\x2a\x20\x00\x04", 5); /* 1024 bytes of data */
+/* An ACL packet of the longest size, an event of any other. */
+static void start_packet(int use_library, unsigned int size) {
+    (void)use_library;
+    start_hci();
+    packet_size = size;
+    if (size == longest_packet)
+        memcpy(stream, "\x02\x2a\x20\x00\x04", 5); /* 1024 bytes of data */
+    else
+        memcpy(stream, (const unsigned char[]){4, 0xff, (unsigned char)(size - 3)}, 3);
 }
 
 /* The assembler, straight: a header byte a round, one copy of the payload, one write a packet. */
@@ -87,21 +92,16 @@ static int __attribute__((noinline)) straight_send_packets(const unsigned char *
     return 0;
 }
 
-static void hci_send(int use_library, unsigned int length) {
-    must((use_library ? sup_uart_Send(&port, stream, length) : straight_send_packets(stream, length)) == 0,
-         "send");
-}
-
-static void hci_commands(int use_library) {
-    hci_send(use_library, 4 * commands);
-    for (int i = 0; i < commands; ++i)
+static void take(int packets) {
+    for (int i = 0; i < packets; ++i)
         kiv_sim_hci_receive(0, taken, sizeof taken);
 }
 
-static void hci_acl(int use_library) {
-    hci_send(use_library, longest_packet);
-    kiv_sim_hci_receive(0, taken, sizeof taken);
-}
+OPERATION(hci_commands, NOTHING, sup_uart_Send(&port, stream, 4 * commands) == 0,
+          straight_send_packets(stream, 4 * commands) == 0, take(commands))
+
+OPERATION(hci_acl, NOTHING, sup_uart_Send(&port, stream, longest_packet) == 0,
+          straight_send_packets(stream, longest_packet) == 0, take(1))
 
 static unsigned int head, tail;
 
@@ -120,66 +120,48 @@ static int __attribute__((noinline)) straight_read_packet(unsigned char *buffer,
     return 0;
 }
 
-static int hci_read(int use_library, unsigned int length) {
-    return use_library ? sup_uart_Read_partial(&port, taken, &length) : straight_read_packet(taken, &length);
-}
-
-static unsigned int received_size; /* of the packets that the controller sends */
-
-static void start_read_of(unsigned int size) {
-    start_hci(0);
-    received_size = size;
-    memset(stream, 0, sizeof stream);
-    if (size == longest_packet)
-        memcpy(stream, "\x02\x2a\x20\x00\x04", 5); /* 1024 bytes of data */
-    else
-        memcpy(stream, (const unsigned char[]){4, 0xff, (unsigned char)(size - 3)}, 3);
-}
-
-static void start_read_4(int use_library) {
-    (void)use_library;
-    start_read_of(4);
-}
-
-static void start_read_65(int use_library) {
-    (void)use_library;
-    start_read_of(65);
-}
-
-static void start_read_1029(int use_library) {
-    (void)use_library;
-    start_read_of(longest_packet);
-}
-
 static void receive(void) {
-    must(kiv_sim_hci_send(0, stream, received_size) == 0, "packet");
+    must(kiv_sim_hci_send(0, stream, packet_size) == 0, "packet");
 }
 
-static void hci_read_packet(int use_library) {
-    receive();
-    must(hci_read(use_library, sizeof taken) == 0, "read");
-}
+OPERATION(hci_read_packet, (receive(), wanted = sizeof taken),
+          sup_uart_Read_partial(&port, taken, &wanted) == 0, straight_read_packet(taken, &wanted) == 0,
+          NOTHING)
 
 /* Into a buffer with room for this packet, but not for every one. */
-static void hci_read_exact(int use_library) {
-    receive();
-    must(hci_read(use_library, received_size) == 0, "read");
+OPERATION(hci_read_exact, (receive(), wanted = packet_size),
+          sup_uart_Read_partial(&port, taken, &wanted) == 0, straight_read_packet(taken, &wanted) == 0,
+          NOTHING)
+
+#define BYTE_BY_BYTE(call)                                                                                   \
+    for (unsigned int i = 0; i < packet_size; ++i) {                                                         \
+        wanted = 1;                                                                                          \
+        if ((call) != 0)                                                                                     \
+            return 0;                                                                                        \
+    }                                                                                                        \
+    return 1
+
+static int library_bytes(void) {
+    BYTE_BY_BYTE(sup_uart_Read_partial(&port, taken, &wanted));
 }
 
-static void hci_read_bytes(int use_library) {
-    receive();
-    for (unsigned int i = 0; i < received_size; ++i)
-        must(hci_read(use_library, 1) == 0, "read");
+static int floor_bytes(void) {
+    BYTE_BY_BYTE(straight_read_packet(taken, &wanted));
 }
+
+OPERATION(hci_read_bytes, receive(), library_bytes(), floor_bytes(), NOTHING)
 
 /* I2C: the clock, whose register 0 is read ----------------------------------------------------------- */
 
 static kiv_i2c_device device;
 static unsigned char clock_register[1], contents[7];
 
-static void start_i2c(int use_library) {
-    (void)use_library;
+static void start_i2c(int use_library, unsigned int size) {
+    (void)use_library, (void)size;
     must(kiv_i2c_open(&device, NULL, 0x68) == 0, "kiv_i2c_open");
+    /* It stands still, so that the board works out the same time in every run. */
+    static const unsigned char halted[] = {0, 0x80, 0, 0, 1, 1, 1, 0x26};
+    must(kiv_i2c_tx(&device, halted, sizeof halted) == sizeof halted, "kiv_i2c_tx");
 }
 
 static int __attribute__((noinline)) straight_i2c_write(int fd, const void *bytes, unsigned int count) {
@@ -192,32 +174,27 @@ static int __attribute__((noinline)) straight_i2c_read(int fd, void *bytes, unsi
     return moved == -1 ? 0 : (int)moved;
 }
 
-static void i2c_write(int use_library) {
-    must((use_library ? kiv_i2c_tx(&device, clock_register, 1)
-                      : straight_i2c_write(device.fd, clock_register, 1)) == 1,
-         "write");
-}
+OPERATION(i2c_write, NOTHING, kiv_i2c_tx(&device, clock_register, 1) == 1,
+          straight_i2c_write(device.fd, clock_register, 1) == 1, NOTHING)
 
-static void i2c_read(int use_library) {
-    must((use_library ? kiv_i2c_rx(&device, contents, 7) : straight_i2c_read(device.fd, contents, 7)) == 7,
-         "read");
-}
+OPERATION(i2c_read, NOTHING, kiv_i2c_rx(&device, contents, 7) == 7,
+          straight_i2c_read(device.fd, contents, 7) == 7, NOTHING)
 
-static int __attribute__((noinline)) straight_pair(int fd, const kiv_i2c_message *pair) {
+static int __attribute__((noinline)) straight_pair(int fd, const kiv_i2c_message *both_of) {
     struct i2c_msg messages[2];
     for (int i = 0; i < 2; ++i)
         messages[i] = (struct i2c_msg){.addr = (unsigned short)device.address,
-                                       .flags = (unsigned short)pair[i].flags,
-                                       .len = (unsigned short)pair[i].len,
-                                       .buf = pair[i].buf};
+                                       .flags = (unsigned short)both_of[i].flags,
+                                       .len = (unsigned short)both_of[i].len,
+                                       .buf = both_of[i].buf};
     struct i2c_rdwr_ioctl_data both = {.msgs = messages, .nmsgs = 2};
     return ioctl(fd, I2C_RDWR, &both) == -1 ? errno : 0;
 }
 
-static void i2c_register(int use_library) {
-    const kiv_i2c_message pair[] = {{clock_register, 1, 0}, {contents, 7, KIV_I2C_READ}};
-    must((use_library ? kiv_i2c_msg(&device, pair, 2) : straight_pair(device.fd, pair)) == 0, "transfer");
-}
+static const kiv_i2c_message pair[] = {{clock_register, 1, 0}, {contents, 7, KIV_I2C_READ}};
+
+OPERATION(i2c_register, NOTHING, kiv_i2c_msg(&device, pair, 2) == 0, straight_pair(device.fd, pair) == 0,
+          NOTHING)
 
 /* GPIO ---------------------------------------------------------------------------------------------- */
 
@@ -226,7 +203,8 @@ struct pin_request {
 };
 static int gpio_fd;
 
-static void start_gpio(int use_library) {
+static void start_gpio(int use_library, unsigned int size) {
+    (void)size;
     if (use_library)
         must(kiv_gpio_open() == 0, "kiv_gpio_open");
     else
@@ -245,35 +223,26 @@ static int __attribute__((noinline)) straight_gpio_get(int pin) {
     return ioctl(gpio_fd, 0xC0087001, &request) == -1 ? -1 : request.value != 0;
 }
 
-static void gpio_set(int use_library) {
-    must((use_library ? kiv_gpio_output_set(4) : straight_gpio_set(4, 1)) == 0, "set");
-}
+OPERATION(gpio_set, NOTHING, kiv_gpio_output_set(4) == 0, straight_gpio_set(4, 1) == 0, NOTHING)
 
-static void gpio_get(int use_library) {
-    must((use_library ? kiv_gpio_read(5) : straight_gpio_get(5)) >= 0, "get");
-}
+OPERATION(gpio_get, NOTHING, kiv_gpio_read(5) >= 0, straight_gpio_get(5) >= 0, NOTHING)
 
 /* TAP and BNEP -------------------------------------------------------------------------------------- */
 
 static int32_t tap;
-static unsigned int frame_size;
+static int frame_size;
 static unsigned char frame[1514], header[14];
 
-static void start_tap(unsigned int size) {
-    frame_size = size;
+static unsigned int payload_size(void) {
+    return (unsigned int)frame_size - 14;
+}
+
+static void start_tap(int use_library, unsigned int size) {
+    (void)use_library;
+    frame_size = (int)size;
     kiv_sim_tun_set_node(KIV_SIM_NET_TUN, KIV_SIM_TUN_PRESENT);
     static const unsigned char address[6] = {2, 1, 2, 3, 4, 5};
     must(kiv_eth_open(&tap, "bench", address) == 0 && kiv_sim_tap_set_up("bench", 1) == 0, "kiv_eth_open");
-}
-
-static void start_tap_60(int use_library) {
-    (void)use_library;
-    start_tap(60);
-}
-
-static void start_tap_1514(int use_library) {
-    (void)use_library;
-    start_tap(1514);
 }
 
 static int __attribute__((noinline))
@@ -287,20 +256,17 @@ static int __attribute__((noinline)) straight_frame_in(void *head_bytes, void *p
     return (int)readv(tap, pieces, 2) - 14;
 }
 
-static void tap_write(int use_library) {
-    const unsigned int length = frame_size - 14;
-    must((use_library ? kiv_eth_write(&tap, header, frame, length)
-                      : straight_frame_out(header, frame, length)) == (int)length,
-         "frame");
+static void send_frame(const char *interface) {
+    must(kiv_sim_tap_send(interface, frame, (unsigned int)frame_size) == 0, "frame");
 }
 
-static void tap_read(int use_library) {
-    must(kiv_sim_tap_send("bench", frame, frame_size) == 0, "frame");
-    must((use_library ? kiv_eth_read(&tap, header, frame, sizeof frame)
-                      : straight_frame_in(header, frame, sizeof frame)) == (int)frame_size - 14,
-         "frame");
-}
+OPERATION(tap_write, NOTHING, kiv_eth_write(&tap, header, frame, payload_size()) == frame_size - 14,
+          straight_frame_out(header, frame, payload_size()) == frame_size - 14, NOTHING)
 
+OPERATION(tap_read, send_frame("bench"), kiv_eth_read(&tap, header, frame, sizeof frame) == frame_size - 14,
+          straight_frame_in(header, frame, sizeof frame) == frame_size - 14, NOTHING)
+
+enum { frames = 16 };
 static sem_t delivered;
 static sup_mutex_t delivery;
 
@@ -341,7 +307,7 @@ static int bnep_exists(const kiv_sim_tap_state *state, void *context) {
 
 static void start_bnep(int use_library, unsigned int size) {
     static const unsigned char address[6] = {5, 4, 3, 2, 1, 2};
-    start_tap(size);
+    start_tap(use_library, size);
     sem_init(&delivered, 0, 0);
     if (use_library) {
         kiv_bnep_set_sender(count_frame, address);
@@ -354,18 +320,19 @@ static void start_bnep(int use_library, unsigned int size) {
     }
 }
 
-static void start_bnep_60(int use_library) {
-    start_bnep(use_library, 60);
-}
-
-static void start_bnep_1514(int use_library) {
-    start_bnep(use_library, 1514);
-}
-
-static void bnep_outbound(int use_library) {
-    must(kiv_sim_tap_send(use_library ? "bnep" : "bench", frame, frame_size) == 0, "frame");
+/* Waits for the sender's thread, which makes the calls. */
+static int is_delivered(void) {
     while (sem_wait(&delivered) == -1) {
     }
+    return 1;
+}
+
+OPERATION(one_outbound, NOTHING, (send_frame("bnep"), is_delivered()), (send_frame("bench"), is_delivered()),
+          NOTHING)
+
+/* Threads add some instructions where they meet: many frames make a round. */
+static void bnep_outbound(int use_library, long count) {
+    one_outbound(use_library, count * frames);
 }
 
 static int __attribute__((noinline))
@@ -382,33 +349,43 @@ straight_inject(uint16_t protocol, const void *payload, unsigned int length, con
     return (int)writev(tap, pieces, 4);
 }
 
-static void bnep_inbound(int use_library) {
-    static const uint8_t there[6] = {1, 2, 3, 4, 5, 2}, here[6] = {6, 5, 4, 3, 2, 2};
-    const unsigned int length = frame_size - 14;
-    must((use_library ? kiv_bnep_data_available(NULL, 0x0800, frame, length, there, here)
-                      : straight_inject(0x0800, frame, length, there, here)) == (int)frame_size,
-         "frame");
+static const uint8_t there[6] = {1, 2, 3, 4, 5, 2}, here[6] = {6, 5, 4, 3, 2, 2};
+
+OPERATION(one_inbound, NOTHING,
+          kiv_bnep_data_available(NULL, 0x0800, frame, payload_size(), there, here) == frame_size,
+          straight_inject(0x0800, frame, payload_size(), there, here) == frame_size, NOTHING)
+
+static void bnep_inbound(int use_library, long count) {
+    one_inbound(use_library, count * frames);
 }
 
 const struct bench_case board_cases[] = {
-    {"hci-10-commands", start_commands, hci_commands, 10 * 20},
-    {"hci-acl-1029", start_acl, hci_acl, 24},
-    {"hci-read-4", start_read_4, hci_read_packet, 12},
-    {"hci-read-4-exact", start_read_4, hci_read_exact, 12},
-    {"hci-read-1029", start_read_1029, hci_read_packet, 12},
-    {"hci-read-65-bytes", start_read_65, hci_read_bytes, 65 * 12},
-    {"i2c-write", start_i2c, i2c_write, 12},
-    {"i2c-read", start_i2c, i2c_read, 12},
-    {"i2c-register", start_i2c, i2c_register, 24},
-    {"gpio-set", start_gpio, gpio_set, 8},
-    {"gpio-read", start_gpio, gpio_get, 8},
-    {"tap-write-60", start_tap_60, tap_write, 12},
-    {"tap-write-1514", start_tap_1514, tap_write, 12},
-    {"tap-read-60", start_tap_60, tap_read, 12},
-    {"tap-read-1514", start_tap_1514, tap_read, 12},
-    {"bnep-in-60", start_bnep_60, bnep_inbound, 8},
-    {"bnep-in-1514", start_bnep_1514, bnep_inbound, 8},
-    {"bnep-out-60", start_bnep_60, bnep_outbound, 12},
-    {"bnep-out-1514", start_bnep_1514, bnep_outbound, 12},
+    {"hci-command", "HCI: command, in one send of ten", start_commands, hci_commands, 0, commands, {0, 40}},
+    {"hci-acl-1029", "HCI: ACL packet of 1029 bytes sent", start_packet, hci_acl, longest_packet, 1, {0, 40}},
+    {"hci-byte", "HCI: one byte of a packet of 65", start_packet, hci_read_bytes, 65, 65, {0, 16}},
+    {"hci-read-4",
+     "HCI: packet of 4 bytes, room for the longest",
+     start_packet,
+     hci_read_packet,
+     4,
+     1,
+     {0, 45}},
+    {"hci-read-4-exact",
+     "HCI: packet of 4 bytes, room for this one",
+     start_packet,
+     hci_read_exact,
+     4,
+     1,
+     {0, 45}},
+    {"hci-read-1029", "HCI: packet of 1029 bytes", start_packet, hci_read_packet, longest_packet, 1, {0, 45}},
+    {"i2c-write", "I2C: write", start_i2c, i2c_write, 0, 1, {0, 26}},
+    {"i2c-read", "I2C: read", start_i2c, i2c_read, 0, 1, {0, 26}},
+    {"i2c-register", "I2C: register read of two messages", start_i2c, i2c_register, 0, 1, {0, 50}},
+    {"gpio-set", "GPIO: set a pin", start_gpio, gpio_set, 0, 1, {0, 12}},
+    {"gpio-read", "GPIO: read a pin", start_gpio, gpio_get, 0, 1, {0, 12}},
+    {"tap-write", "TAP: write a frame of 1514 bytes", start_tap, tap_write, 1514, 1, {0, 20}},
+    {"tap-read", "TAP: read a frame of 1514 bytes", start_tap, tap_read, 1514, 1, {0, 20}},
+    {"bnep-in", "BNEP: inbound frame of 1514 bytes", start_bnep, bnep_inbound, 1514, frames, {0, 24}},
+    {"bnep-out", "BNEP: outbound frame of 1514 bytes", start_bnep, bnep_outbound, 1514, frames, {0, 24}},
     {0},
 };

@@ -188,16 +188,20 @@ STRAIGHT ssize_t send_to_stream(void *port, const void *buffer, size_t length) {
     return send(locked_fd(port), buffer, length, MSG_NOSIGNAL);
 }
 
+STRAIGHT ssize_t write_to_stream(void *port, const void *buffer, size_t length) {
+    return write(locked_fd(port), buffer, length);
+}
+
 int straight_stream_read(struct straight_stream *stream, void *buffer, unsigned int *length) {
     return read_all(read_stream, stream, buffer, length);
 }
 
-int straight_stream_read_partial(struct straight_stream *stream, void *buffer, unsigned int *length) {
-    return read_some(read_stream, stream, buffer, length);
-}
-
 int straight_stream_send(struct straight_stream *stream, const void *buffer, unsigned int length) {
     return send_all(send_to_stream, stream, buffer, length);
+}
+
+int straight_stream_write(struct straight_stream *stream, const void *buffer, unsigned int length) {
+    return send_all(write_to_stream, stream, buffer, length);
 }
 
 STRAIGHT ssize_t read_socket(void *port, void *buffer, size_t length) {

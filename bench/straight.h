@@ -35,8 +35,8 @@ struct straight_stream {
 
 int straight_stream_open(int *listener, int port_number);
 int straight_stream_read(struct straight_stream *stream, void *buffer, unsigned int *length);
-int straight_stream_read_partial(struct straight_stream *stream, void *buffer, unsigned int *length);
 int straight_stream_send(struct straight_stream *stream, const void *buffer, unsigned int length);
+int straight_stream_write(struct straight_stream *stream, const void *buffer, unsigned int length);
 
 /* The same on a socket that is looked at without a lock. */
 int straight_socket_read(int fd, void *buffer, unsigned int *length);

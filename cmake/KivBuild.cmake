@@ -42,6 +42,21 @@ function(kiv_harden target)
   endif()
 endfunction()
 
+# With KIV_STATIC: kiv::<name>_static, of the shared library's objects, and what else such a program is linked with.
+function(kiv_add_static name component)
+  if(KIV_STATIC)
+    add_library(kiv-${name}-static STATIC $<TARGET_OBJECTS:kiv-${name}>)
+    add_library(kiv::${name}_static ALIAS kiv-${name}-static)
+    kiv_link_as_c(kiv-${name}-static)
+    target_link_libraries(kiv-${name}-static PUBLIC ${ARGN})
+    target_include_directories(kiv-${name}-static PUBLIC
+      $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    set_target_properties(kiv-${name}-static PROPERTIES OUTPUT_NAME kiv-${name} EXPORT_NAME ${name}_static)
+    install(TARGETS kiv-${name}-static EXPORT kiv-drivers-targets
+      ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${component})
+  endif()
+endfunction()
+
 # Installs <name>.pc. The prefix is filled in when it is installed, so that cmake --install --prefix holds.
 function(kiv_install_pkgconfig name component)
   foreach(dir LIBDIR INCLUDEDIR)

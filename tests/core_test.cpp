@@ -3,14 +3,20 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <functional>
 #include <map>
-#include <sstream>
+#include <new>
+#include <poll.h>
 #include <string>
+#include <sys/mman.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include "fixtures/board.h"
 #include "fixtures/resources.h"
+#include "fixtures/signal.h"
 #include "kiv/core.h"
 
 namespace kiv::test {
@@ -88,37 +94,95 @@ TEST_F(CoreTest, ThreadWaitsToBeResumedAndIsWaitedForAtItsDeletion) {
 
 // Logging ---------------------------------------------------------------------------------------------------
 
-TEST_F(CoreTest, MessagesAreWrittenRaw) {
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(sup_log_msg_nocolor_raw("POS", 1, "%s:%d in %s\n", "a/path", 12, "f"), 15);
-    EXPECT_EQ(sup_system_diag("no line end %%"), 13);
-    kiv_assert("(p) != 0", "m", 3, "g");
-    kiv_warn("ret == 0", "m", 4, "h");
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              "a/path:12 in f\nno line end %assertion failed: (p) != 0 (m:3 in g)\n"
-              "warning: ret == 0 (m:4 in h)\n");
+// What is written to stderr meanwhile. Through a pipe: that takes long texts in pieces.
+std::string stderr_of(const std::function<void()> &act) {
+    int ends[2];
+    EXPECT_EQ(::pipe(ends), 0);
+    const int saved = ::dup(STDERR_FILENO);
+    ::dup2(ends[1], STDERR_FILENO);
+    ::close(ends[1]);
+    std::string collected;
+    std::thread reader([&] {
+        std::vector<char> buffer(65536);
+        ssize_t count;
+        while ((count = ::read(ends[0], buffer.data(), buffer.size())) > 0)
+            collected.append(buffer.data(), static_cast<std::size_t>(count));
+    });
+    act();
+    ::dup2(saved, STDERR_FILENO);
+    ::close(saved);
+    reader.join();
+    ::close(ends[0]);
+    return collected;
 }
 
-TEST_F(CoreTest, MessagesOfManyThreadsStayWhole) {
-    constexpr std::size_t lengths[] = {1, 511, 512, 5000, 70000}; // around the size of the local buffer
+TEST_F(CoreTest, MessagesAreWrittenRaw) {
+    const std::string text = stderr_of([] {
+        EXPECT_EQ(sup_log_msg_nocolor_raw("POS", 1, "%s:%d in %s\n", "a/path", 12, "f"), 15);
+        EXPECT_EQ(sup_system_diag("no line end %%"), 13);
+        kiv_assert("(p) != 0", "m", 3, "g");
+        kiv_warn("ret == 0", "m", 4, "h");
+    });
+    EXPECT_EQ(text, "a/path:12 in f\nno line end %assertion failed: (p) != 0 (m:3 in g)\n"
+                    "warning: ret == 0 (m:4 in h)\n");
+}
+
+// Around the size of the local buffer, and of a pipe's whole writes.
+constexpr std::size_t lengths[] = {1, 510, 511, 512, 4095};
+
+TEST_F(CoreTest, MessagesOfManyThreadsStayWholeUnderSignals) {
     const unsigned rounds = scaled(100);
+    const Interrupter outer(::pthread_self()); // those of the threads then give way to its handler
     const auto write = [&](char mark) {
+        const Interrupter interrupter(::pthread_self());
         for (unsigned i = 0; i < rounds; ++i)
             for (const std::size_t length : lengths)
                 sup_log_msg_nocolor_raw("POS", 1, "%s\n", std::string(length, mark).c_str());
     };
-    ::testing::internal::CaptureStderr();
-    {
-        std::jthread first(write, 'a');
-        std::jthread second(write, 'b');
-    }
+    const std::string text = stderr_of([&] {
+        std::vector<std::thread> writers;
+        for (const char mark : {'a', 'b', 'c', 'd'})
+            writers.emplace_back(write, mark);
+        for (auto &writer : writers)
+            writer.join();
+    });
     std::map<std::string, unsigned> lines;
-    std::istringstream text(::testing::internal::GetCapturedStderr());
-    for (std::string line; std::getline(text, line);)
-        ++lines[line];
-    EXPECT_EQ(lines.size(), 2 * std::size(lengths));
+    for (std::size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
+        ++lines[text.substr(at, end - at)];
+    EXPECT_EQ(lines.size(), 4 * std::size(lengths));
     for (const auto &[line, count] : lines)
         EXPECT_EQ(count, rounds) << line.size() << " times " << line[0];
+}
+
+// Longer than a pipe: the write comes back short, and is gone on with.
+TEST_F(CoreTest, LongMessageOfOneThreadIsWholeUnderSignals) {
+    const std::string text(200000, 'x');
+    const std::string written = stderr_of([&] {
+        const Interrupter interrupter(::pthread_self());
+        EXPECT_EQ(sup_system_diag("%s", text.c_str()), 200000);
+    });
+    EXPECT_EQ(written, text);
+}
+
+TEST_F(CoreTest, WriterThatNobodyReadsHoldsUpNobodyElse) {
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    const int saved = ::dup(STDERR_FILENO);
+    ::dup2(ends[1], STDERR_FILENO);
+    std::thread stuck([] { sup_system_diag("%s", std::string(200000, 'x').c_str()); });
+    pollfd pipe = {ends[0], POLLIN, 0};
+    ::poll(&pipe, 1, -1); // it is in the write that the pipe has no room for
+    ::close(ends[1]);
+    const int elsewhere = ::open("/dev/null", O_WRONLY);
+    ::dup2(elsewhere, STDERR_FILENO);
+    EXPECT_EQ(sup_system_diag("%s", "goes on"), 7);
+    ::dup2(saved, STDERR_FILENO);
+    char buffer[4096];
+    while (::read(ends[0], buffer, sizeof buffer) > 0) {
+    }
+    stuck.join();
+    for (const int fd : {ends[0], saved, elsewhere})
+        ::close(fd);
 }
 
 TEST_F(CoreTest, ReportsLeaveErrnoAlone) {
@@ -134,6 +198,15 @@ TEST_F(CoreTest, ReportsLeaveErrnoAlone) {
     ::close(saved);
     EXPECT_EQ(after_message, ENOTTY);
     EXPECT_EQ(after_warning, ENOTTY);
+}
+
+TEST_F(CoreTest, CategoriesOfALibraryThatIsUnloadedAreForgotten) {
+    static int level = 3;
+    kiv_log_category next = {&level, "next", nullptr};
+    void *const library = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    EXPECT_EQ(kiv_log_dyn_add(new (library) kiv_log_category{&level, "gone", nullptr}), 0);
+    ::munmap(library, 4096);
+    EXPECT_EQ(kiv_log_dyn_add(&next), 0);
 }
 
 } // namespace

@@ -174,7 +174,6 @@ const Texts socket_texts = {
     {KIV_SIM_SETSOCKOPT, {"ret = setsockopt(UART_infos->fd_listen, 1, 2, &opt, sizeof(opt))"}},
     {KIV_SIM_BIND, {"ret = bind(UART_infos->fd_listen, (struct sockaddr *)&addr, sizeof(addr))"}},
     {KIV_SIM_LISTEN, {"ret = listen(UART_infos->fd_listen, 1)"}},
-    {KIV_SIM_DUP2, {"ret = dup2(fd, UART_infos->fd_listen)"}},
 };
 
 const Scene server = {open_server, close_server};

@@ -109,7 +109,7 @@ TEST_F(ReportTest, ErrnoThatTheLogChangedIsReportedAndPutBack) {
                        warning_}));
     EXPECT_EQ(sup_uart_Init(&port_, tty_path, 3, 0), EINVAL); // a number that never was in errno
     EXPECT_EQ(reports(), Reports({trace(uart, "sup_uart_Init2", text_of_speed, EINVAL)}));
-    EXPECT_EQ(fail_read(0), 0);
+    EXPECT_EQ(fail_read(0), EIO);
     EXPECT_EQ(reports(), Reports({warning_})); // no trace without an errno
 }
 

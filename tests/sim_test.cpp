@@ -3,10 +3,14 @@
 #include <asm/ioctls.h>
 #include <asm/termbits.h>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/i2c-dev.h>
+#include <linux/i2c.h>
 #include <poll.h>
 #include <string>
 #include <sys/ioctl.h>
@@ -17,6 +21,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 #include "fixtures/board.h"
 
@@ -25,6 +30,8 @@ namespace {
 
 // An errno that none of the calls here gives by itself.
 constexpr int unreal = EL2HLT;
+
+using Bytes = std::vector<std::uint8_t>;
 
 class Sim : public BoardTest {};
 
@@ -144,6 +151,36 @@ TEST_F(Sim, ALineHangsUpForGood) {
     EXPECT_EQ(error_of(::open("/dev/ttyKIV0", O_RDWR)), ENOENT);
     kiv_sim_line_plug_in(0);
     EXPECT_EQ(::poll(&entry, 1, 0), 1) << "an old descriptor stays as it is";
+    ::close(fd);
+}
+
+// What the i2c-tools do not ask for; the clock chip has memory from register 8 on.
+TEST_F(Sim, MakesMessagesOfSmbusOperations) {
+    const int fd = ::open("/dev/i2c-0", O_RDWR);
+    ASSERT_EQ(::ioctl(fd, I2C_SLAVE, KIV_SIM_I2C_CLOCK), 0);
+    i2c_smbus_data data = {};
+    const auto ask = [&](char direction, unsigned operation, unsigned command = 8) {
+        i2c_smbus_ioctl_data wanted = {static_cast<std::uint8_t>(direction),
+                                       static_cast<std::uint8_t>(command), operation, &data};
+        return error_of(::ioctl(fd, I2C_SMBUS, &wanted));
+    };
+    const auto put_block = [&](const Bytes &block) { std::memcpy(data.block, block.data(), block.size()); };
+    put_block({2, 0xaa, 0xbb});
+    EXPECT_EQ(ask(I2C_SMBUS_WRITE, I2C_SMBUS_BLOCK_DATA), 0);
+    put_block({4});
+    EXPECT_EQ(ask(I2C_SMBUS_READ, I2C_SMBUS_I2C_BLOCK_DATA), 0);
+    EXPECT_EQ(Bytes(data.block, data.block + 5), (Bytes{4, 2, 0xaa, 0xbb, 0})) << "behind its length";
+    data.word = 0x1234;
+    EXPECT_EQ(ask(I2C_SMBUS_WRITE, I2C_SMBUS_PROC_CALL, 7), 0);
+    EXPECT_EQ(data.word, 0xbbaa) << "of the registers behind those that were written";
+    EXPECT_EQ(ask(I2C_SMBUS_READ, I2C_SMBUS_I2C_BLOCK_BROKEN), 0);
+    EXPECT_EQ(Bytes(data.block, data.block + 4), (Bytes{32, 0x12, 0xaa, 0xbb}));
+    data.block[0] = 33;
+    EXPECT_EQ(ask(I2C_SMBUS_WRITE, I2C_SMBUS_BLOCK_DATA), EINVAL);
+    EXPECT_EQ(ask(I2C_SMBUS_READ, I2C_SMBUS_I2C_BLOCK_DATA), EINVAL);
+    EXPECT_EQ(ask(I2C_SMBUS_READ, I2C_SMBUS_BLOCK_DATA), EOPNOTSUPP);
+    EXPECT_EQ(ask(2, I2C_SMBUS_BYTE_DATA), EINVAL);
+    EXPECT_EQ(ask(I2C_SMBUS_READ, 9), EINVAL);
     ::close(fd);
 }
 

@@ -204,11 +204,20 @@ TEST_F(UartLine, BreakAndLateCallbacksAreNotThere) {
 
 // Closing ---------------------------------------------------------------------------------------------------
 
-TEST_F(UartLine, ClosingATtyKeepsTheRecord) {
+// Its values stay, but what it is used for by mistake fails and hits nobody.
+TEST_F(UartLine, AClosedTtyIsLeftAlone) {
     open();
     const UART_infos before = port_;
     close();
-    EXPECT_EQ(std::memcmp(&port_, &before, sizeof before), 0);
+    EXPECT_TRUE(port_.magic == before.magic && port_.fd == before.fd &&
+                port_.kiv_linux_sfd == before.kiv_linux_sfd);
+    close();
+    unsigned int length = 1;
+    char byte;
+    EXPECT_EQ(sup_uart_Read(&port_, &byte, &length), EBADF);
+    EXPECT_EQ(sup_uart_Send(&port_, "x", 1), EBADF);
+    EXPECT_EQ(sup_uart_Stop_UART(&port_), 0);
+    reports();
 }
 
 TEST_F(UartLine, TransportsCloseThemselvesOrAreReleased) {

@@ -3,12 +3,17 @@
 
 # What each purpose needs: "a command or a file that shows it is there:the Debian package that brings it".
 KIV_FOR_BUILD='cmake:cmake ninja:ninja-build g++:g++ gcc:gcc pkg-config:pkg-config'
-KIV_FOR_TESTS='python3:python3 /usr/include/gtest/gtest.h:libgtest-dev socat:socat'
+KIV_FOR_TESTS='python3:python3 /usr/include/gtest/gtest.h:libgtest-dev socat:socat tio:tio picocom:picocom
+    /usr/sbin/i2cdetect:i2c-tools /usr/lib/python3/dist-packages/serial:python3-serial'
 KIV_FOR_DEMO='socat:socat strace:strace ip:iproute2 ping:iputils-ping'
 KIV_FOR_ARM='arm-linux-gnueabi-g++:g++-arm-linux-gnueabi qemu-arm-static:qemu-user-static
     /usr/src/googletest/CMakeLists.txt:googletest'
 KIV_FOR_CLANG='clang++-14:clang-14 /usr/lib/llvm-14/lib/clang/14.0.6/lib/linux:libclang-rt-14-dev'
 KIV_FOR_LINT='clang-tidy-14:clang-tidy-14 clang-format-14:clang-format-14 cppcheck:cppcheck git:git'
+KIV_FOR_DOCS='scdoc:scdoc mandoc:mandoc doxygen:doxygen'
+KIV_FOR_PACKAGES='scdoc:scdoc unshare:util-linux ip:iproute2 socat:socat systemd-analyze:systemd file:file
+    make:make'
+KIV_FOR_ABI='abidw:abigail-tools'
 KIV_FOR_BENCH='/usr/include/benchmark/benchmark.h:libbenchmark-dev valgrind:valgrind strace:strace'
 
 # missing_packages NEEDS...: the packages that are not there, one a line.

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include "device.h"
+#include "environment.h"
 #include "kiv/sim.h"
 #include "real.h"
 #include "waiting.h"
@@ -26,7 +27,7 @@ constinit unsigned entries = 0;
 // A file is known by what it is and not by the name under which it was opened.
 bool is_file_at(const struct stat64 &file, const char *path) {
     struct stat64 named;
-    return ::stat64(path, &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
+    return real().stat64(path, &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
 }
 
 bool find_in_environment(const struct stat64 &file, std::uint32_t &attributes) {
@@ -36,12 +37,15 @@ bool find_in_environment(const struct stat64 &file, std::uint32_t &attributes) {
     char *end = nullptr;
     const unsigned long number = ::strtoul(setting, &end, 0);
     attributes = static_cast<std::uint32_t>(number);
-    return end != setting && *end == ':' && is_file_at(file, end + 1);
+    const bool has_form = end != setting && *end == ':';
+    if (!has_form && *setting != '\0')
+        complain("KIV_SIM_FAT", setting, "ATTRIBUTES:/path");
+    return has_form && is_file_at(file, end + 1);
 }
 
 bool find(int fd, std::uint32_t &attributes) {
     struct stat64 file;
-    if (::fstat64(fd, &file) != 0)
+    if (real().fstat64(fd, &file) != 0)
         return false;
     const guard hold(table_lock);
     for (unsigned i = 0; i < entries; ++i)

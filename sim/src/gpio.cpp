@@ -13,6 +13,7 @@
 #include <sys/eventfd.h>
 
 #include "device.h"
+#include "environment.h"
 #include "gpio_board.h"
 #include "memory.h"
 #include "real.h"
@@ -35,11 +36,6 @@ struct opening {
 constinit opening *openings = nullptr;
 constinit unsigned waiting[gpio_chip::pins] = {};
 
-int fail(int error) {
-    errno = error;
-    return -1;
-}
-
 int result_of(int error) {
     return error == 0 ? 0 : fail(error);
 }
@@ -53,8 +49,10 @@ void set_signal(opening &of, bool wanted) {
         of.signalled = wanted;
 }
 
+constexpr char gpio_path[] = "/dev/gpio";
+
 bool knows_path(const char *path) {
-    return ::strcmp(path, "/dev/gpio") == 0;
+    return ::strcmp(path, gpio_path) == 0;
 }
 
 // Both descriptors, or -1 with errno.
@@ -190,6 +188,7 @@ const operations gpio_operations = {
     .read = refuse_transfer,
     .write = refuse_transfer,
     .revents = correct_revents,
+    .node = [](void *) { return gpio_path; },
     .release = release_gpio,
 };
 
@@ -204,31 +203,36 @@ int take_pin(const char *&text) {
     return is_pin ? static_cast<int>(number) : -1;
 }
 
-// "3=4 10=11"; what is not of that form ends it.
-void read_wires(const char *text) {
-    while (text != nullptr && *text != '\0') {
-        const int pin = take_pin(text);
-        if (pin < 0 || *text != '=')
-            return;
-        const int other = take_pin(++text);
-        if (other < 0)
-            return;
-        gpio.chip.wire(pin, other);
-        text += ::strspn(text, " ");
-    }
+// "3=4"; moves `text` behind it.
+bool take_wire(const char *&text) {
+    const int pin = take_pin(text);
+    if (pin < 0 || *text != '=')
+        return false;
+    const int other = take_pin(++text);
+    if (other < 0)
+        return false;
+    gpio.chip.wire(pin, other);
+    return true;
 }
 
-// "gpio4=4 led=7"; likewise.
-void read_directories(const char *text) {
+// "led=7"; likewise.
+bool take_directory(const char *&text) {
+    const char *name = text;
+    const std::size_t length = ::strcspn(text, "= ");
+    text += length;
+    if (*text != '=')
+        return false;
+    const int pin = take_pin(++text);
+    return pin >= 0 && export_pin(name, length, pin, true) == 0;
+}
+
+// A list with blanks between its members; a mistake ends it.
+void read_list(const char *variable, bool (*take)(const char *&text), const char *expected) {
+    const char *text = ::getenv(variable);
     while (text != nullptr && *text != '\0') {
-        const char *name = text;
-        const std::size_t length = ::strcspn(text, "= ");
-        text += length;
-        if (*text != '=')
-            return;
-        const int pin = take_pin(++text);
-        if (pin < 0 || export_pin(name, length, pin, true) != 0)
-            return;
+        const char *member = text;
+        if (!take(text) || (*text != ' ' && *text != '\0'))
+            return complain(variable, member, expected);
         text += ::strspn(text, " ");
     }
 }
@@ -250,8 +254,8 @@ void read_gpio_environment() {
     if (gpio.environment_read)
         return;
     gpio.environment_read = true;
-    read_wires(::getenv("KIV_SIM_WIRES"));
-    read_directories(::getenv("KIV_SIM_SYSFS"));
+    read_list("KIV_SIM_WIRES", take_wire, "PIN=PIN ...");
+    read_list("KIV_SIM_SYSFS", take_directory, "NAME=PIN ...");
 }
 
 void announce_pins() {
@@ -262,7 +266,8 @@ void announce_pins() {
 }
 
 extern const device gpio_device;
-const device gpio_device = {.knows_path = knows_path, .open = open_gpio, .reset = reset_gpio};
+const device gpio_device = {
+    .knows_path = knows_path, .has_node = knows_path, .open = open_gpio, .reset = reset_gpio};
 
 // Back door --------------------------------------------------------------------------------------------
 

@@ -22,6 +22,7 @@
 
 #include "byte_queue.h"
 #include "device.h"
+#include "environment.h"
 #include "kiv/sim.h"
 #include "memory.h"
 #include "real.h"
@@ -38,7 +39,8 @@ static_assert(name_size == IFNAMSIZ && name_size == KIV_SIM_NAME_SIZE);
 struct tap {
     tap *next;
     int far;      // -1 once the interface was deleted
-    bool refuses; // made from a node that is forbidden
+    int node;     // what was opened
+    bool refuses; // the node was a forbidden one
     bool deleted;
     kiv_sim_tap_state seen; // exists: has a name
     char name[name_size];
@@ -56,11 +58,6 @@ constinit bool has_host = false;
 constinit kiv_sim_host next_host = {};
 constinit unsigned made_addresses = 0;
 
-int fail(int error) {
-    errno = error;
-    return -1;
-}
-
 tap *find(const char *name) {
     for (tap *each = taps; each != nullptr; each = each->next)
         if (each->seen.exists != 0 && ::strcmp(each->name, name) == 0)
@@ -71,7 +68,11 @@ tap *find(const char *name) {
 std::uint32_t address_in(const char *variable) {
     const char *text = ::getenv(variable);
     in_addr address = {};
-    return text != nullptr && ::inet_pton(AF_INET, text, &address) == 1 ? ntohl(address.s_addr) : 0;
+    if (text == nullptr || *text == '\0')
+        return 0;
+    if (::inet_pton(AF_INET, text, &address) != 1)
+        complain(variable, text, "an address as 10.0.0.1");
+    return ntohl(address.s_addr);
 }
 
 // What the environment says, for whoever has not used the back door. With the lock.
@@ -122,7 +123,7 @@ void delete_interface(tap &gone) {
         return;
     gone.deleted = true;
     gone.seen = {};
-    real().close(gone.far); // the near end is readable from now on: the end of its stream
+    real().close(gone.far); // wakes whoever reads, with the end of the stream
     gone.far = -1;
     changed.notify_all();
 }
@@ -145,12 +146,17 @@ bool knows_path(const char *path) {
     return nodes[node] != KIV_SIM_TUN_REAL;
 }
 
+bool has_node(const char *path) {
+    const guard hold(lock);
+    return nodes[node_of_path(path)] != KIV_SIM_TUN_ABSENT;
+}
+
 extern const operations tun_operations;
 
 int open_tun(const char *path, int flags, opened &made) {
     const guard hold(lock);
-    const kiv_sim_tun_node node = nodes[node_of_path(path)];
-    if (node == KIV_SIM_TUN_ABSENT)
+    const int node = node_of_path(path);
+    if (nodes[node] == KIV_SIM_TUN_ABSENT)
         return fail(ENOENT);
     int ends[2];
     const int socket_flags =
@@ -167,7 +173,8 @@ int open_tun(const char *path, int flags, opened &made) {
     }
     *opening = tap{.next = taps,
                    .far = ends[1],
-                   .refuses = node == KIV_SIM_TUN_FORBIDDEN,
+                   .node = node,
+                   .refuses = nodes[node] == KIV_SIM_TUN_FORBIDDEN,
                    .deleted = false,
                    .seen = {},
                    .name = {},
@@ -198,6 +205,23 @@ bool is_attached(const tap &open) {
     return open.seen.exists != 0;
 }
 
+// The driver does not look at whether its copy to the program succeeded: a frame that is read to nowhere is
+// taken, and its length is the answer.
+ssize_t read_frame(int fd, const iovec *pieces, int count) {
+    std::size_t room = 0;
+    bool leads_nowhere = false;
+    for (int i = 0; i < count; ++i) {
+        room += pieces[i].iov_len;
+        leads_nowhere = leads_nowhere || (pieces[i].iov_base == nullptr && pieces[i].iov_len > 0);
+    }
+    if (!leads_nowhere)
+        return real().readv(fd, pieces, count);
+    char nothing;
+    const ssize_t length = real().recv(fd, &nothing, 0, MSG_TRUNC);
+    return length > static_cast<ssize_t>(room) ? static_cast<ssize_t>(room) : length;
+}
+
+// Whoever waits while the interface is deleted is told so by the driver's queue, later calls by the driver.
 ssize_t read_tun(int fd, void *state, const iovec *pieces, int count) {
     const auto &from = *static_cast<const tap *>(state);
     {
@@ -205,8 +229,8 @@ ssize_t read_tun(int fd, void *state, const iovec *pieces, int count) {
         if (!is_attached(from))
             return fail(EBADFD);
     }
-    const ssize_t done = real().readv(fd, pieces, count);
-    return done == 0 ? fail(EBADFD) : done; // deleted while this was waiting
+    const ssize_t done = read_frame(fd, pieces, count);
+    return done == 0 ? fail(EFAULT) : done;
 }
 
 ssize_t write_tun(int, void *state, const iovec *pieces, int count) {
@@ -227,6 +251,15 @@ ssize_t write_tun(int, void *state, const iovec *pieces, int count) {
     }
     frame.release();
     return length >= header_size ? static_cast<ssize_t>(length) : fail(EINVAL);
+}
+
+short correct_revents(void *state, short, short revents) {
+    const guard hold(lock);
+    return static_cast<const tap *>(state)->deleted ? short{POLLERR} : revents;
+}
+
+const char *path_of(void *state) {
+    return paths[static_cast<const tap *>(state)->node];
 }
 
 // Requests ---------------------------------------------------------------------------------------------
@@ -326,7 +359,8 @@ const operations tun_operations = {.ioctl = request_tun,
                                    .bind = nullptr,
                                    .setsockopt = nullptr,
                                    .getsockopt = nullptr,
-                                   .revents = nullptr,
+                                   .revents = correct_revents,
+                                   .node = path_of,
                                    .release = release_tun};
 
 void reset() {
@@ -362,6 +396,7 @@ kiv_sim_tap_state state_of(const char *name) {
 
 extern const device tun_device;
 const device tun_device = {.knows_path = knows_path,
+                           .has_node = has_node,
                            .open = open_tun,
                            .knows_socket = nullptr,
                            .socket = nullptr,

@@ -1,5 +1,10 @@
 #!/usr/bin/env python3
-"""Compiles the first C program of the README and talks to it over a pseudo-terminal."""
+"""Does what the README says.
+
+check_readme.py program README PREFIX COMPILER   compiles its first C program, and talks to it over a pseudo-terminal
+check_readme.py recipes README                   runs its recipes in the sources' folder, as root. Only for a machine
+                                                 that may be changed (scripts/lib/on-copy)
+"""
 import os
 import re
 import subprocess
@@ -7,6 +12,8 @@ import sys
 import tempfile
 import tty
 from pathlib import Path
+
+RECIPES = ("A first program", "Installing it elsewhere, and packages", "Building it for the device")
 
 
 def first_program(readme):
@@ -26,7 +33,7 @@ def build(program, folder, prefix, compiler):
     return binary
 
 
-def main(readme, prefix, compiler):
+def check_program(readme, prefix, compiler):
     master, slave = os.openpty()
     tty.setraw(slave)
     with tempfile.TemporaryDirectory() as folder:
@@ -39,4 +46,26 @@ def main(readme, prefix, compiler):
     assert answer == b"hello", f"{answer!r} came back"
 
 
-main(*sys.argv[1:])
+def recipes(readme):
+    """The commands, one a line, so that the shell stops at the first that fails. A person takes longer to type
+    the next one than a server to listen."""
+    sections = dict(section.split("\n", 1) for section in re.split("^## ", Path(readme).read_text(), flags=re.M))
+    blocks = "".join("".join(re.findall("^```sh\n(.*?)^```", sections[name], flags=re.S | re.M)) for name in RECIPES)
+    commands = blocks.replace(" && ", "\n")
+    for command, then in ((r"(\./first tcp:(\d+) &).*", r"until ss -Hltn | grep -q ':\2 '; do :; done"),
+                          (r"(xargs rm .*)", r'test -z "$(find ~/kiv -type f)"')):
+        commands, found = re.subn(f"^{command}", rf"\1\n{then}", commands, flags=re.M)
+        assert found == 1, f"{found} lines of the recipes are {command}"
+    return commands
+
+
+def check_recipes(readme):
+    Path("first.c").write_text(first_program(readme))
+    output = subprocess.run(["bash", "-euxc", 'sudo() { "$@"; }\n' + recipes(readme)], text=True, check=True,
+                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE).stdout
+    print(output)
+    assert "\nhello\n" in output, "no answer came back over TCP"
+    assert Path("/path/of/the/image/usr/lib/libkiv-drivers.so.1").exists(), "the image has no library"
+
+
+{"program": check_program, "recipes": check_recipes}[sys.argv[1]](*sys.argv[2:])

@@ -22,7 +22,7 @@
  *
  * A null pointer is reported and gives 22 (EINVAL), or 0 from kiv_i2c_tx and kiv_i2c_rx. Failing system
  * calls are reported by one line each in the log category "POS" (see platform.h), apart from those that
- * are named below.
+ * are named below; a failed opening or closing is warned of besides.
  *
  * An address at which nobody answers gives 121 (EREMOTEIO) with some bus controllers and 6 (ENXIO) with
  * others. kiv_i2c_tx and kiv_i2c_rx keep silent about the first and report the second.

@@ -12,9 +12,11 @@
  *
  * Frames are whole Ethernet frames without a checksum: a header of KIV_ETH_HEADER_SIZE bytes and a payload.
  *
- * Errors. These functions do not return positive errno values: see each. What fails while an interface is
- * made is reported in the log category "POS" (see platform.h), transfers are silent. Pointers are not checked
- * for null.
+ * Errors. These functions do not return positive errno values: see each. Pointers are not checked for null.
+ *
+ * Log. A device that is opened is told, with "bnep device is" (level 3 of the category "POS", see
+ * platform.h), and so is a name or a hardware address that is refused. That there is no device is silent for
+ * kiv_eth_open, and "TAP: failed to open TUN interface" for the sender. Transfers are silent.
  */
 #ifndef KIV_NETWORK_H
 #define KIV_NETWORK_H
@@ -94,9 +96,11 @@ typedef void (*kiv_bnep_sender_cb)(void *context, uint16_t protocol, const uint8
  *           stopped. Looked at by a start only
  * priority  of the sender's thread, on kiv-core's scale. Looked at by a start only
  *
- * A start returns at once; the thread then makes the interface. When that fails, or the interface fails later
- * (it was deleted, for instance), the thread ends, which only the log tells; the sender still counts as
- * started, and a callback registered then is never called. To start again, stop first.
+ * A start returns at once; the thread then makes the interface. When that fails the thread ends, which only
+ * the log tells. It also ends when the interface fails later (it was deleted, for instance), which nothing
+ * tells, and when a handled signal comes to it, SA_RESTART or not ("bnep_sender: select failed"): start it
+ * with signals blocked, since threads inherit the mask. The sender then still counts as started, and a
+ * callback registered is never called. To start again, stop first.
  *
  * When a replacement or a stop has returned, the callback before it is not running and is never called
  * again. A stop takes up to a second when there is no traffic; the interface is gone when it returns.

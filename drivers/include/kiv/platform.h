@@ -28,8 +28,9 @@ KIV_BEGIN_C
 /* Log levels ---------------------------------------------------------------------------------------- */
 
 /* The library's log categories, "POS" and "uart_bt", write messages of a level up to these: 1 for failures,
- * 2 and 3 for information, 0 for silence. They start at 3 and may be set at any time from any thread; the
- * next message obeys. */
+ * 2 and 3 for information. They start at 3 and may be set at any time from any thread; the next message
+ * obeys, and at 0 there is none. What is no message of a category goes to kiv-core whatever the level: failed
+ * assertions, warnings of a failing exit, and the TCP ports' "Waiting connection" and "Try to connect". */
 extern KIV_API int kiv_log_dyn_level_POS;
 extern KIV_API int kiv_log_dyn_level_uart_bt;
 
@@ -65,7 +66,7 @@ KIV_API uint32_t get_product_revision(void);
  *             system. Must not be null
  *
  * Returns 0, or the errno of opening the file: 2 (ENOENT), 13 (EACCES), 4 when a signal interrupted it, and
- * on 32-bit systems 75 (EOVERFLOW) for a file of 2 GB or more. */
+ * on 32-bit systems 75 (EOVERFLOW) for a file of 2 GB or more. Nothing is logged. */
 KIV_API int32_t kiv_fs_get_fat_attribute(const char *path, uint32_t *attributes);
 
 /* USB links ----------------------------------------------------------------------------------------- */

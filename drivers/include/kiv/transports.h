@@ -13,6 +13,10 @@
  *
  * From then on the port is like any other, sup_uart_close included. Errors, threads and ownership are as
  * uart.h says at its head.
+ *
+ * Reconnecting. The first attempt after a loss is made at once. After two failures in a row, without a byte
+ * in between, a port pauses before the next: half a second, a TCP client 5 seconds. A peer that accepts and
+ * closes, or a process without a descriptor to spare, so costs no more than that.
  */
 #ifndef KIV_TRANSPORTS_H
 #define KIV_TRANSPORTS_H
@@ -62,7 +66,8 @@ static inline int sup_uart_Opened(UART_infos *port, int status) {
  * had half read and half written. Closing closes the socket; the controller stays up, and in raw mode.
  *
  * Returns 0; 22 for a null record or name, or another prefix; or the errno of the step that failed (19:
- * there is no such controller; 1: no CAP_NET_ADMIN), with nothing left open. */
+ * there is no such controller; 1: no CAP_NET_ADMIN), with nothing left open. A failure after the first step,
+ * as that with 95, leaves the controller down. */
 KIV_API int pos_open_bt(UART_infos *port, const char *device_name, unsigned int options);
 
 /* Always returns -22 (not 22), after a message in the log category "uart_bt": a controller cannot be named by
@@ -70,24 +75,31 @@ KIV_API int pos_open_bt(UART_infos *port, const char *device_name, unsigned int 
 KIV_API int pos_open_bt_syspath(UART_infos *port, const char *device_name, unsigned int options);
 
 /* TCP server: "tcp:" and a port number, of which the low 16 bits count; "tcp:" alone lets the system choose.
+ * What follows the number is not looked at, and what is no number is 0: "tcp:127.0.0.1:5030" is port 127, and
+ * "tcp:abc" lets the system choose.
+ *
  * It listens on every local IPv4 address, serves one client at a time, and asks for no password. While
- * nobody is connected, reads wait and writes are dropped. What sup_uart_Init2 calls for such names.
+ * nobody is connected, reads wait and writes are dropped; a write takes the client that waits, if there is
+ * one. fd_listen holds the listening socket. What sup_uart_Init2 calls for such names.
  *
  * options  UART_OPTION_WAIT_PEER: return when the first client has come; the status is 0 whatever the wait
  *          gave
  *
- * Returns 0, or the errno of the step that failed, with nothing left open. */
+ * Returns 0; 22 for a null record or name, or another prefix; or the errno of the step that failed (98: the
+ * port is taken; 13: no right to a port below 1024), with nothing left open. */
 KIV_API int pos_open_tcp(UART_infos *port, const char *device_name, unsigned int options);
 
 /* TCP client: "tcpout:", an IPv4 address in dotted form, a colon and a port number. Host names are not
- * resolved. A connection that is lost is made again by the next read, which tries every 5 seconds for as
- * long as it takes, or by a write, which tries once and drops its data when that fails.
+ * resolved. A connection that is lost is made again by the next read, which tries for as long as it takes,
+ * with pauses of 5 seconds, or by a write, which tries once and drops its data when that fails. Each attempt
+ * takes as long as connect does, minutes where nothing answers; while it is a writer's, every TCP port of the
+ * process stands still, its data included.
  *
  * options  UART_OPTION_WAIT_PEER: go on trying until the connection stands
  *
- * Returns 0; 22 for a name without an address or a port; 12 when there is no memory; or the errno of the
- * step that failed. One block of memory then stays with the record when it was the connection that failed;
- * pos_close_tcp_client releases it. */
+ * Returns 0; 22 for a null record or name, or a name without an address or a port; 12 when there is no
+ * memory; or the errno of the step that failed. One block of memory then stays with the record when it was
+ * the connection that failed, which is not reported; pos_close_tcp_client releases it. */
 KIV_API int pos_open_tcp_client(UART_infos *port, const char *device_name, unsigned int options);
 
 /* Closes a TCP client port; also what sup_uart_close does for one. Harmless after a failed opening and a
@@ -96,14 +108,13 @@ KIV_API int pos_close_tcp_client(UART_infos *port);
 
 /* Unix socket client: "unix:" and the path of a stream socket, or "unix:@" and a name of the abstract
  * namespace. 108 characters count; what is longer is cut. An abstract name is padded with zero bytes to the
- * full length of an address (110 bytes), and the service must have bound it like that. What sup_uart_Init2
- * calls for such names.
+ * full length of an address (110 bytes), and the service must have bound it like that: one that did not is
+ * never reached, and nothing says so. What sup_uart_Init2 calls for such names.
  *
  * The service need not be there. While it is not, reads wait and try to connect every half second, and
- * writes try once, then drop their data and report success; nothing is logged. A read that a signal
- * interrupts makes a new connection, too: install handlers with SA_RESTART if the service minds. All Unix
- * ports share one lock for connecting, so a service that leaves a connection attempt hanging holds up the
- * reconnections of the others. The callbacks of the record are not called.
+ * writes try once, then drop their data and report success; nothing is logged. All Unix ports share one lock
+ * for connecting, so a service that leaves a connection attempt hanging holds up the reconnections of the
+ * others. The callbacks of the record are not called.
  *
  * options  not used
  *
@@ -121,9 +132,9 @@ KIV_API int pos_open_unix(UART_infos *port, const char *device_name, unsigned in
  * socket_path  a path, or "@" and an abstract name, cut and padded as for pos_open_unix; must outlast the
  *              call only
  *
- * The record must be prepared: a failed opening closes whatever descriptor it finds in fd. The service need
- * not be there. A read or a write that finds it gone tries to connect every half second for as long as it
- * takes, and then goes on: no data is dropped knowingly, and a port without its service blocks. When a
+ * The record must be prepared: cleared but for its callbacks, which count from the opening on. The service
+ * need not be there. A read or a write that finds it gone tries to connect every half second for as long as
+ * it takes, and then goes on: no data is dropped knowingly, and a port without its service blocks. When a
  * reader and a writer both see the loss, each makes a new connection, one after the other, and the later one
  * stays.
  *

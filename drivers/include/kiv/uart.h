@@ -18,12 +18,20 @@
  *
  * Errors. A function returns 0 or a status: a positive errno value (22 EINVAL, 19 ENODEV, 5 EIO, 38 ENOSYS
  * and those of the failing system call), and in three places a negative value, named where they occur.
- * Treat every status other than 0 as a failure. Every failing system call is reported by one line in the
- * log category "POS" (see platform.h). A null record gives 22; a record that is not open is reported and
- * then used all the same.
+ * Treat every status other than 0 as a failure. A null record gives 22. A record that is all zero, because it
+ * was never opened, gives 9 (EBADF). Any other record that is not open is reported and then used all the
+ * same.
  *
- * Signals. Reads and writes that a signal interrupts are continued. The wait between two pieces in
- * sup_uart_Read_partial_timeout is the exception: a signal ends it like a time-out.
+ * Log. A failing system call is reported by one line in the log category "POS" (see platform.h), an
+ * interrupted one, too. Most functions then warn of their status, which is a second line. Silent are the
+ * reads, sends and connects of TCP and Unix ports and of the GPS demultiplexer, and the closing of a tty,
+ * which is only warned of.
+ *
+ * Signals. Reads and writes of ttys and of Bluetooth ports go on after a signal. On the other streams a
+ * signal whose handler was installed without SA_RESTART ends the connection: a blocked read waits for the
+ * next one, and a blocked send on TCP or a Unix socket drops the rest and reports success. Install handlers
+ * with SA_RESTART, or block signals in the threads that use ports. The wait between two pieces in
+ * sup_uart_Read_partial_timeout ends like a time-out, whatever the handler.
  *
  * Threads. Different records are independent. On one record, one thread may read while another writes,
  * and any thread may call sup_uart_Stop_UART; on TCP ports any number of threads may write. The line
@@ -88,7 +96,8 @@ struct UART_infos {
 /* Line settings ------------------------------------------------------------------------------------- */
 
 /* speed: one of these codes, or a number above 115200 taken as a rate in bit/s of its own. The codes 3, 5,
- * 10, 12 and 14 and the numbers 19 to 115200 are refused: 9600 is UART_SPEED_9600, not 9600. */
+ * 10, 12 and 14 and the numbers 19 to 115200 are refused: 9600 is UART_SPEED_9600, not 9600. What the driver
+ * makes of a rate is not told: a PL011 asked for one that it cannot make keeps the one that it had. */
 enum {
     UART_SPEED_HANGUP = 0, /* drops the modem lines */
     UART_SPEED_2400 = 1,
@@ -135,8 +144,8 @@ enum { UART_RTS_RAISE = 0, UART_RTS_DROP = 1 };
  * A tty is set to raw bytes, 8 data bits, no parity, ignoring the carrier; its stop bits stay as they are.
  *
  * Returns 0; 22 for a null record or name or a speed that is refused; 19 for a tcpout: name; the errno of
- * the step that failed; or the transport's status. Blocks only as the device's open does, and for
- * UART_OPTION_WAIT_PEER. */
+ * the step that failed; or the transport's status. Blocks for UART_OPTION_WAIT_PEER, and as the device's open
+ * does: on a tty that heeds its carrier (stty -clocal), until the carrier is there. */
 KIV_API int sup_uart_Init2(UART_infos *port, const char *device_name, unsigned int speed,
                            unsigned int options, const UART_status_cb *status_cb);
 
@@ -145,18 +154,19 @@ KIV_API int sup_uart_Init(UART_infos *port, const char *device_name, unsigned in
                           unsigned int options);
 
 /* Closes a port that is open and releases all that its opening made: the tty and its pipe, or the
- * transport's sockets and memory. No other call may be inside the record. The record keeps its values, magic
- * included, and may then only be opened again.
+ * transport's sockets and memory. No other call may be inside the record. It may then only be opened again;
+ * magic stays as it is. A second close releases nothing and hits nobody.
  *
- * Returns 0; 22 for a null record; -1 when closing the tty failed (it is released all the same); or the
- * transport's status. */
+ * Returns 0; 22 for a null record; -1 with errno set when closing the tty failed (it is released all the
+ * same); or the transport's status. */
 KIV_API int sup_uart_close(UART_infos *port);
 
 /* Stops a tty port: waits until all output has been sent, sets UART_SPEED_HANGUP, which drops the modem
- * lines, and releases one reader: the one that is blocked now, or else the next one that finds no data.
- * Stops are counted: each one releases one read, which returns 5 (EIO). The port stays open, and setting a
- * speed makes it work again. Made to be called from another thread than the reader's. Does nothing on
- * ports that are not ttys.
+ * lines, and releases one reader: the one that is blocked now, or else the next one that finds no data. A
+ * timed read between two pieces is not released: it ends by its time-out, and the stop stays for the next
+ * read. Stops are counted: each one releases one read, which returns 5 (EIO). The port stays open, and
+ * setting a speed makes it work again. Made to be called from another thread than the reader's. Does nothing
+ * on ports that are not ttys: a reader that is blocked there waits for its peer.
  *
  * Returns 0, 22 for a null record, or the errno of the step that failed; the reader is released even then.
  * Blocks while flow control holds the output. */
@@ -167,7 +177,8 @@ KIV_API int sup_uart_Stop_UART(UART_infos *port);
 /* Read whatever has come, but at least one byte; blocks until then.
  *
  * buffer  room for *length bytes
- * length  in: the most to read, out: how many were read; unchanged on failure. Must not be null
+ * length  in: the most to read, out: how many were read; unchanged on failure, but 0 for a record that was
+ *         never opened. Must not be null
  *
  * Returns 0 (at once when *length is 0); 22 for a null record; 5 when the stream has ended or the read was
  * stopped; or the errno of the read. */
@@ -180,7 +191,10 @@ KIV_API int sup_uart_Read_partial(UART_infos *port, void *buffer, unsigned int *
  *             pause, not the call
  *
  * Otherwise as sup_uart_Read_partial; a time-out, or a signal during the wait, is a success with *length
- * telling what came. On a port that has no peer at the moment, this is sup_uart_Read_partial. */
+ * telling what came. On a port that has no peer at the moment, this is sup_uart_Read_partial.
+ *
+ * On a stream that connects again, a peer that goes between two pieces is no end and no time-out: the read
+ * waits for the next peer, without limit, and adds its bytes. */
 KIV_API int sup_uart_Read_partial_timeout(UART_infos *port, void *buffer, unsigned int *length,
                                           unsigned int timeout_us);
 
@@ -241,8 +255,9 @@ KIV_API int sup_uart_Register_Status_Callback(UART_infos *port, const UART_statu
  * thread can end. No function checks its object for null. One thread at a time may read; any thread may
  * cancel; closing must not overlap a read. */
 
-/* Opens path with the flags of open(2) (no mode is passed, so O_CREAT is not for it). Returns the object, to
- * be released by kiv_linux_sclose, or null with errno set and nothing left open. */
+/* Opens path with the flags of open(2) (no mode is passed, so O_CREAT is not for it). None of its descriptors
+ * is 0, 1 or 2, even where those are closed. Returns the object, to be released by kiv_linux_sclose, or null
+ * with errno set and nothing left open. */
 KIV_API kiv_linux_sfd_t *kiv_linux_sopen(const char *path, int oflag);
 
 /* The device's descriptor. It belongs to the object. */

@@ -3,6 +3,7 @@
 #define KIV_MODULE "drivers/src/common/categories"
 
 #include "common/report.h"
+#include "common/shared.h"
 #include "kiv/platform.h"
 
 int kiv_log_dyn_level_POS = 3;
@@ -25,7 +26,7 @@ constinit kiv_log_category uart_bt_category{&kiv_log_dyn_level_uart_bt, uart_bt_
 
 // Anybody may set a level at any time, kiv-core through its pointer too.
 bool reaches(const int &level, int wanted) noexcept {
-    return __atomic_load_n(&level, __ATOMIC_RELAXED) >= wanted;
+    return seen(level) >= wanted;
 }
 
 } // namespace

@@ -44,6 +44,11 @@ class unique_fd {
     int fd_;
 };
 
+// Moves a descriptor that has just been made, or the -1 of a failure, out of the numbers of standard input,
+// output and error. A program may have closed those, and what it writes to them, its log to begin with, must
+// not end up in a device, a pipe or a connection. Returns the descriptor, or -1 with errno.
+int above_standard(int fd) noexcept;
+
 } // namespace kiv
 
 #endif

@@ -80,9 +80,13 @@ int assert_failed(const char *text, const char *function, int line, const char *
     return EINVAL;
 }
 
-int refuse_opening(const void *port, const char *function, int line, const char *path) noexcept {
-    const char *text = port == nullptr ? "(UART_infos) != ((void *)0)" : "(device_name) != ((void *)0)";
-    return assert_failed(text, function, line, path);
+int check_opening(const void *port, const char *device_name, const char *function, int line,
+                  const char *path) noexcept {
+    if (port == nullptr)
+        return assert_failed("(UART_infos) != ((void *)0)", function, line, path);
+    if (device_name == nullptr)
+        return assert_failed("(device_name) != ((void *)0)", function, line, path);
+    return 0;
 }
 
 int warn(int status, const char *function, int line, const char *path) noexcept {

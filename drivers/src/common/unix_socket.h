@@ -3,32 +3,20 @@
 #ifndef KIV_COMMON_UNIX_SOCKET_H
 #define KIV_COMMON_UNIX_SOCKET_H
 
-#include <cstring>
-#include <sys/socket.h>
 #include <sys/un.h>
+
+#include "kiv/uart.h"
 
 namespace kiv {
 
-// An address is always given to the kernel whole. An abstract name is as long as the address says, so the
-// service must have bound all of it too, trailing zeros included.
-static_assert(sizeof(sockaddr_un) == 2 + 108 && AF_UNIX == 1 && SOCK_STREAM == 1);
-
 // A path, or "@" and a name of the abstract namespace; cut to what an address holds. The kernel needs no
-// zero behind a path of full length.
-[[gnu::noinline]] inline void name_socket(sockaddr_un &address, const char *name) noexcept {
-    address.sun_family = AF_UNIX;
-    ::memccpy(address.sun_path, name, '\0', sizeof address.sun_path);
-    if (address.sun_path[0] == '@')
-        address.sun_path[0] = '\0';
-}
+// zero behind a path of full length. address must be cleared.
+void name_socket(sockaddr_un &address, const char *name) noexcept;
 
-inline int unix_socket() noexcept {
-    return ::socket(AF_UNIX, SOCK_STREAM, 0);
-}
+// Returns a socket for a port, or -1 with errno.
+int unix_socket(const UART_infos &port) noexcept;
 
-inline int connect_unix(int fd, const sockaddr_un &address) noexcept {
-    return ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
-}
+int connect_unix(int fd, const sockaddr_un &address) noexcept;
 
 } // namespace kiv
 

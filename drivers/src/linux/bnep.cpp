@@ -6,26 +6,28 @@
 //   3. Start, stop       the control side
 //   4. Inbound
 //
-// drv.mutex guards the callback and every delivery to it. The descriptor and the buffer are made and released
-// under tap_lock, by the thread until a stop takes them over, and by the stop from then on. A stop takes them
-// over before it deletes the thread, so that the thread is caught neither while it makes nor while it
-// releases them: it does not matter whether sup_thread_delete waits for its end or ends it where it stands.
+// drv.mutex guards the callback and every delivery to it. The descriptor and the buffer are the thread's: it
+// makes them and releases them at its end. A stop clears the callback, which ends the thread within a second,
+// waits for that, and only then deletes the thread: so it does not matter whether sup_thread_delete waits for
+// a thread, ends it where it stands, or returns while it goes on.
 
 #define KIV_MODULE "drivers/src/linux/bnep"
 
 #include <cerrno>
 #include <cstdlib>
-#include <pthread.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include "common/fd.h"
-#include "common/hints.h"
 #include "common/lock.h"
 #include "common/report.h"
+#include "common/shared.h"
 #include "common/wait.h"
 #include "kiv/network.h"
 #include "linux/tun.h"
+
+using kiv::seen;
+using kiv::set;
 
 namespace {
 
@@ -34,7 +36,8 @@ namespace {
 constexpr size_t BNEP_BUFFER_SIZE = 1600;
 
 struct bnep_driver {
-    uint8_t started; // and not stopped since; also when the thread has ended by itself
+    uint8_t started;     // and not stopped since; also when the thread has ended by itself
+    uint8_t thread_runs; // from a start until the thread's last step
     sup_mutex_t mutex;
     sup_thread_control_t thread;
     kiv_bnep_sender_cb sender;
@@ -42,39 +45,17 @@ struct bnep_driver {
     uint8_t *buffer;
 };
 
-constinit bnep_driver drv{
-    .started = 0, .mutex = {}, .thread = {}, .sender = nullptr, .fd = -1, .buffer = nullptr};
+constinit bnep_driver drv{.started = 0,
+                          .thread_runs = 0,
+                          .mutex = {},
+                          .thread = {},
+                          .sender = nullptr,
+                          .fd = -1,
+                          .buffer = nullptr};
 constinit sup_thread_t bnep_sender_thread = nullptr;
-constinit pthread_mutex_t tap_lock = PTHREAD_MUTEX_INITIALIZER;
-constinit bool taken_over = false; // by a stop
-
-class tap_hold {
-  public:
-    tap_hold() noexcept { ::pthread_mutex_lock(&tap_lock); }
-    ~tap_hold() { ::pthread_mutex_unlock(&tap_lock); }
-    tap_hold(const tap_hold &) = delete;
-    tap_hold &operator=(const tap_hold &) = delete;
-};
-
-// What threads look at without a lock. A processor of one core, without barrier instructions, keeps the order
-// by itself; asking for it there would call run-time help.
-#if defined(__ARM_ARCH) && __ARM_ARCH < 6
-constexpr int order_of_load = __ATOMIC_RELAXED, order_of_store = __ATOMIC_RELAXED;
-#else
-constexpr int order_of_load = __ATOMIC_ACQUIRE, order_of_store = __ATOMIC_RELEASE;
-#endif
-
-template <typename T>
-T seen(const T &word) {
-    return __atomic_load_n(&word, order_of_load);
-}
-template <typename T>
-void set(T &word, T value) {
-    __atomic_store_n(&word, value, order_of_store);
-}
 
 // The descriptor is taken away before it is closed, so that no frame is injected into what
-// gets its number next.
+// gets its number next. Harmless a second time.
 void release_interface() {
     ::free(drv.buffer);
     drv.buffer = nullptr;
@@ -97,9 +78,6 @@ int open_bnep_interface(ifreq &interface) {
 
 // Returns false when there is nothing to wait for frames on.
 bool make_interface(const uint8_t *address, const char *function) {
-    const tap_hold hold;
-    if (taken_over)
-        return false;
     ifreq interface;
     set(drv.fd, open_bnep_interface(interface));
     if (drv.fd == -1) {
@@ -108,16 +86,15 @@ bool make_interface(const uint8_t *address, const char *function) {
     }
     kiv::set_hardware_address(drv.fd, interface, address, kiv::byte_order::bluetooth, "BT address = ");
     drv.buffer = static_cast<uint8_t *>(::calloc(1, BNEP_BUFFER_SIZE));
-    // Without it the first read fails and ends the thread.
-    kiv::check(drv.buffer != nullptr, kiv::in(function, KIV_SITE("drv.buffer != ((void *)0)")));
-    return true;
+    kiv::check(drv.buffer != nullptr, KIV_ON_BEHALF_OF(function, "drv.buffer != ((void *)0)"));
+    return drv.buffer != nullptr;
 }
 
 // One frame is three steps under one hold of the mutex, so that it is never split between two callbacks.
 void deliver(const uint8_t *frame, size_t length) {
     const kiv::mutex_hold hold(drv.mutex);
     const kiv_bnep_sender_cb sender = seen(drv.sender);
-    if (sender == nullptr) [[unlikely]]
+    if (sender == nullptr)
         return;
     const auto protocol = static_cast<uint16_t>(frame[12] << 8 | frame[13]);
     sender(nullptr, protocol, nullptr, 0, KIV_BNEP_FRAME_START);
@@ -133,46 +110,42 @@ void forward_frames() {
     while (seen(drv.sender) != nullptr) {
         timeval limit = {.tv_sec = 1, .tv_usec = 0};
         const int ready = kiv::wait_readable(fd, &limit);
-        if (ready == -1) [[unlikely]] {
+        if (ready == -1) {
             kiv::log_failure("bnep_sender: select failed\n");
             return;
         }
-        if (ready == 0) [[unlikely]]
+        if (ready == 0)
             continue;
         const ssize_t length = ::read(fd, drv.buffer, BNEP_BUFFER_SIZE);
-        if (length == -1 && errno != EINTR) [[unlikely]]
+        if (length == -1 && errno != EINTR)
             return;
         // The kernel sends no frame without a whole header; from elsewhere one is dropped.
-        if (length >= KIV_ETH_HEADER_SIZE && seen(drv.sender) != nullptr) [[likely]]
+        if (length >= KIV_ETH_HEADER_SIZE && seen(drv.sender) != nullptr)
             deliver(drv.buffer, static_cast<size_t>(length));
     }
-}
-
-void end_run() {
-    const tap_hold hold;
-    if (!taken_over)
-        release_interface();
 }
 
 void *bnep_sender(void *argument) {
     if (make_interface(static_cast<const uint8_t *>(argument), __func__))
         forward_frames();
-    end_run();
+    release_interface();
+    set(drv.thread_runs, 0);
     return nullptr;
 }
 
 // 3. Start, stop ----------------------------------------------------------------------------------------
 
 int start(kiv_bnep_sender_cb sender, const uint8_t *address, int priority) {
-    set<uint8_t>(drv.started, 1);
+    set(drv.started, 1);
     set(drv.sender, sender);
-    // The thread of the run before may have been ended while it held the lock.
-    ::pthread_mutex_init(&tap_lock, nullptr);
-    taken_over = false;
+    set(drv.thread_runs, 1);
     sup_mutex_init(&drv.mutex, 0);
     sup_thread_create(&bnep_sender_thread, &drv.thread, priority, bnep_sender, const_cast<uint8_t *>(address),
                       0, "BNEP sender");
-    return sup_thread_resume(bnep_sender_thread);
+    const int status = sup_thread_resume(bnep_sender_thread);
+    if (status != 0)
+        set(drv.thread_runs, 0); // and never will: a stop has nothing to wait for
+    return status;
 }
 
 int replace(kiv_bnep_sender_cb sender) {
@@ -181,19 +154,22 @@ int replace(kiv_bnep_sender_cb sender) {
     return sup_mutex_unlock(&drv.mutex);
 }
 
-void take_over() {
-    const tap_hold hold;
-    taken_over = true;
+// The thread looks at the callback once a second. One that has not ended long after that is not waited for.
+void wait_for_end() {
+    constexpr useconds_t look_interval_us = 10000;
+    constexpr int looks = 200;
+    for (int i = 0; i < looks && seen(drv.thread_runs) != 0; ++i)
+        ::usleep(look_interval_us);
 }
 
 int stop() {
     replace(nullptr);
-    take_over();
+    wait_for_end();
     sup_thread_delete(bnep_sender_thread);
     bnep_sender_thread = nullptr; // should the next creation fail, it is not to be mistaken for a new one
     sup_mutex_destroy(&drv.mutex);
-    release_interface();
-    set<uint8_t>(drv.started, 0);
+    release_interface(); // of a thread that never came to its end
+    set(drv.started, 0);
     return -1;
 }
 
@@ -212,21 +188,13 @@ int kiv_bnep_set_sender(kiv_bnep_sender_cb sender, const uint8_t *address) {
 
 // 4. Inbound --------------------------------------------------------------------------------------------
 
-namespace {
-
-// Out of line, so that the frames that go out save no registers for it.
-KIV_COLD int without_interface() {
-    errno = ENODEV;
-    return -1;
-}
-
-} // namespace
-
 int kiv_bnep_data_available(void *, uint16_t protocol, const void *payload, unsigned int length,
                             const uint8_t *destination, const uint8_t *source) {
     const int fd = seen(drv.fd);
-    if (fd == -1) [[unlikely]]
-        return without_interface();
+    if (fd == -1) {
+        errno = ENODEV;
+        return -1;
+    }
     uint8_t header[KIV_ETH_HEADER_SIZE];
     for (unsigned int i = 0; i < kiv::address_size; ++i) {
         header[i] = destination[kiv::address_size - 1 - i];

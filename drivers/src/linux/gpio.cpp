@@ -7,8 +7,7 @@
 //   5. Pins              the exported operations by number and by name
 //   6. Interrupts        a handle is a descriptor of the device and a pin
 //
-// The path of a pin that the device serves is kept short: one look at the back end, the record, the request,
-// one look at its result. Everything else is out of line.
+// The back end is one for the process; an operation looks it up once.
 
 #define KIV_MODULE "drivers/src/linux/gpio"
 
@@ -27,6 +26,7 @@
 #include "common/hints.h"
 #include "common/report.h"
 #include "common/retry.h"
+#include "common/shared.h"
 #include "linux/gpio_backend.h"
 
 using kiv::GPIO_BACKEND_DEV;
@@ -81,8 +81,8 @@ static_assert(set_direction_request == 0x40087000 && get_level_request == 0xC008
 static_assert(set_level_request == 0x40087002 && open_irq_request == 0x40087003);
 static_assert(close_irq_request == 0x40087004 && wait_irq_request == 0x40087005);
 
-[[gnu::always_inline]] inline int device_fd() {
-    return __atomic_load_n(&kiv::gpio_fd, __ATOMIC_RELAXED);
+int device_fd() {
+    return kiv::seen(kiv::gpio_fd);
 }
 
 // 2. Reports --------------------------------------------------------------------------------------------
@@ -99,7 +99,7 @@ static_assert(sizeof repeated_statement + sizeof "*fd = " + sizeof open_device <
 static_assert(statement_size + sizeof KIV_MODULE ":%d in %s,  : %s\n" <= kiv::format_size);
 
 // Traces a request that has failed; its number tells the rest of its statement. Returns its errno.
-[[gnu::cold, gnu::noinline]] int trace_request(request_number number, const char *function, int line) {
+KIV_COLD int trace_request(request_number number, const char *function, int line) {
     kiv::request_statement request = {.fd = "device->fd",
                                       .direction = "1U",
                                       .type = 'p',
@@ -120,14 +120,13 @@ static_assert(statement_size + sizeof KIV_MODULE ":%d in %s,  : %s\n" <= kiv::fo
 }
 
 // The failing exit of a request: its errno, traced and warned of, or 0 for a refusal without a reason.
-[[gnu::cold, gnu::noinline]] int refused(request_number number, const char *function, int line) {
+KIV_COLD int refused(request_number number, const char *function, int line) {
     const int status = trace_request(number, function, line);
     return status == 0 ? 0 : kiv::warn(status, function, line);
 }
 
 // Composes the statement of a call that is repeated after a signal, and traces it. Returns its errno.
-[[gnu::cold, gnu::noinline]] int trace_repeated(const char *left_side, const char *call, const char *function,
-                                                int line) {
+KIV_COLD int trace_repeated(const char *left_side, const char *call, const char *function, int line) {
     if (!kiv::pos_wants(1))
         return errno;
     char statement[statement_size];
@@ -135,7 +134,7 @@ static_assert(statement_size + sizeof KIV_MODULE ":%d in %s,  : %s\n" <= kiv::fo
         const kiv::errno_guard keep;
         ::snprintf(statement, sizeof statement, repeated_statement, left_side, call);
     }
-    return trace_errno({statement, function, line});
+    return trace_errno(statement, function, line);
 }
 
 // 3. Device ---------------------------------------------------------------------------------------------
@@ -144,9 +143,9 @@ int open_file(const char *path, int flags) {
     return retry([=] { return ::open(path, flags); });
 }
 
-[[gnu::noinline]] int kiv_gpio_dev_open(int32_t *fd) {
-    *fd = open_file("/dev/gpio", O_RDWR);
-    if (*fd >= 0) [[likely]]
+int kiv_gpio_dev_open(int32_t *fd) {
+    *fd = kiv::above_standard(open_file("/dev/gpio", O_RDWR));
+    if (*fd >= 0)
         return 0;
     const int status = trace_repeated("*fd = ", kiv::plain(open_device), __func__, __LINE__);
     return status == 0 ? 0 : KIV_WARN(status);
@@ -155,13 +154,13 @@ int open_file(const char *path, int flags) {
 int kiv_gpio_dev_config(int pin, int value) {
     const bool is_known = static_cast<unsigned int>(value) <= KIV_GPIO_OUTPUT_HIGH;
     gpio_direction dir = {.pin = pin, .direction = is_known ? value : KIV_GPIO_INPUT};
-    if (::ioctl(device_fd(), set_direction_request, &dir) == -1) [[unlikely]]
+    if (::ioctl(device_fd(), set_direction_request, &dir) == -1)
         return refused(set_direction, __func__, __LINE__);
     return 0;
 }
 
 // The exit of a read that has failed.
-[[gnu::cold, gnu::noinline]] int no_level(const char *function, int line) {
+KIV_COLD int no_level(const char *function, int line) {
     trace_request(get_level, function, line);
     kiv_warn("ret != -1", KIV_MODULE, line, function);
     return -1;
@@ -169,14 +168,14 @@ int kiv_gpio_dev_config(int pin, int value) {
 
 int kiv_gpio_dev_read(int pin) {
     gpio_data data = {.pin = pin, .value = 0};
-    if (::ioctl(device_fd(), get_level_request, &data) == -1) [[unlikely]]
+    if (::ioctl(device_fd(), get_level_request, &data) == -1)
         return no_level(__func__, __LINE__);
     return data.value != 0 ? 1 : 0;
 }
 
 int kiv_gpio_dev_write(int pin, int level) {
     gpio_data data = {.pin = pin, .value = level};
-    if (::ioctl(device_fd(), set_level_request, &data) == -1) [[unlikely]]
+    if (::ioctl(device_fd(), set_level_request, &data) == -1)
         return refused(set_level, __func__, __LINE__);
     return 0;
 }
@@ -189,7 +188,7 @@ constexpr size_t path_size = 50;
 #define KIV_GPIO_TREE "/sys/class/gpio"
 
 // Traces a write, whose statement shows the text and its size.
-[[gnu::cold, gnu::noinline]] void trace_write(const char *text, size_t size, const char *function, int line) {
+KIV_COLD void trace_write(const char *text, size_t size, const char *function, int line) {
     if (!kiv::pos_wants(1))
         return;
     char call[32];
@@ -204,7 +203,7 @@ constexpr size_t path_size = 50;
 // even when its close says EINTR, so that the second call fails with EBADF, or closes what another thread
 // has just opened under the same number. Files of sysfs close without waiting, so no signal gets in between.
 void close_repeatedly(int fd, const char *function, int line) {
-    if (retry([=] { return ::close(fd); }) == -1) [[unlikely]]
+    if (retry([=] { return ::close(fd); }) == -1)
         trace_repeated("", kiv::plain("close(fd)"), function, line);
 }
 
@@ -215,7 +214,7 @@ ssize_t finish_file(int fd, const char *text, const char *function, int line) {
     if (text != nullptr) {
         const size_t size = ::strlen(text) + 1;
         rc = retry([=] { return ::write(fd, text, size); });
-        if (rc == -1) [[unlikely]]
+        if (rc == -1)
             trace_write(text, size, function, line);
     }
     close_repeatedly(fd, function, line);
@@ -312,7 +311,7 @@ class pin_directory {
 using file_operation = int(const char *directory, int value);
 
 template <typename Pin>
-[[gnu::cold, gnu::noinline]] int on_files(file_operation *operation, Pin pin, int value) {
+KIV_COLD int on_files(file_operation *operation, Pin pin, int value) {
     if (selected_gpio_backend() != GPIO_BACKEND_SYSFS)
         return -1;
     return operation(pin_directory(pin).path(), value);
@@ -335,21 +334,21 @@ int kiv_gpio_open(void) {
 void kiv_gpio_close(void) {}
 
 int kiv_gpio_config(int pin, int value) {
-    if (selected_gpio_backend() == GPIO_BACKEND_DEV) [[likely]]
+    if (selected_gpio_backend() == GPIO_BACKEND_DEV)
         return kiv_gpio_dev_config(pin, value);
     return on_files(kiv_gpio_sysfs_config, pin, value);
 }
 
 int kiv_gpio_read(int pin) {
-    if (selected_gpio_backend() == GPIO_BACKEND_DEV) [[likely]]
+    if (selected_gpio_backend() == GPIO_BACKEND_DEV)
         return kiv_gpio_dev_read(pin);
     return on_files(kiv_gpio_sysfs_read, pin, 0);
 }
 
 namespace {
 
-KIV_HOT int drive(int pin, int level) {
-    if (selected_gpio_backend() == GPIO_BACKEND_DEV) [[likely]]
+int drive(int pin, int level) {
+    if (selected_gpio_backend() == GPIO_BACKEND_DEV)
         return kiv_gpio_dev_write(pin, level);
     return on_files(kiv_gpio_sysfs_write, pin, level);
 }
@@ -390,14 +389,14 @@ int kiv_gpio_irq_open(kiv_gpio_irq_device *device, int pin, unsigned int mode) {
         return status;
     *device = {.fd = fd, .pin = pin};
     gpio_irq data = {.pin = pin, .mode = static_cast<int32_t>(mode)};
-    if (::ioctl(fd, open_irq_request, &data) == -1) [[unlikely]]
+    if (::ioctl(fd, open_irq_request, &data) == -1)
         return refused(open_irq, __func__, __LINE__);
     return 0;
 }
 
 int kiv_gpio_irq_wait(const kiv_gpio_irq_device *device) {
     gpio_irq data = {.pin = device->pin, .mode = 0};
-    if (::ioctl(device->fd, wait_irq_request, &data) == -1) [[unlikely]]
+    if (::ioctl(device->fd, wait_irq_request, &data) == -1)
         return refused(wait_irq, __func__, __LINE__);
     return 0;
 }

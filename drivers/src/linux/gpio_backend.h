@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "common/shared.h"
+
 namespace kiv {
 
 enum : int32_t { GPIO_BACKEND_NONE = 0, GPIO_BACKEND_SYSFS = 1, GPIO_BACKEND_DEV = 2 };
@@ -15,15 +17,14 @@ extern constinit int32_t gpio_backend;
 extern constinit int32_t gpio_fd; // of /dev/gpio; means something only with GPIO_BACKEND_DEV
 // NOLINTEND(bugprone-dynamic-static-initializers)
 
-// Threads that use pins read both words, so that they are written whole. Nothing orders the two for a thread
-// that runs already: the selection comes before such threads start.
+// The descriptor comes first: a thread that sees the back end has it.
 inline void select_gpio_backend(int32_t backend, int32_t fd) noexcept {
-    __atomic_store_n(&gpio_fd, fd, __ATOMIC_RELAXED);
-    __atomic_store_n(&gpio_backend, backend, __ATOMIC_RELAXED);
+    set(gpio_fd, fd);
+    set(gpio_backend, backend);
 }
 
-[[gnu::always_inline]] inline int32_t selected_gpio_backend() noexcept {
-    return __atomic_load_n(&gpio_backend, __ATOMIC_RELAXED);
+inline int32_t selected_gpio_backend() noexcept {
+    return seen(gpio_backend);
 }
 
 } // namespace kiv

@@ -1,9 +1,8 @@
 // The cancellable descriptor: a device and a pipe under one poll. A byte in the pipe ends one read.
 
-#define KIV_MODULE "drivers/src/linux/linux_sfd"
-
 #include "linux/linux_sfd.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 
@@ -27,21 +26,24 @@ ssize_t sread_without_data(const kiv_linux_sfd &s) noexcept {
 } // namespace kiv
 
 kiv_linux_sfd_t *kiv_linux_sopen(const char *path, int oflag) {
-    kiv::unique_fd device(::open(path, oflag));
+    kiv::unique_fd device(kiv::above_standard(::open(path, oflag)));
     if (device.get() < 0)
         return nullptr;
     auto *s = kiv::make_zeroed<kiv_linux_sfd>();
     if (s == nullptr)
         return nullptr;
-    int ends[2];
-    if (::pipe(ends) == -1) {
+    int ends[2] = {-1, -1};
+    const int made = ::pipe(ends);
+    kiv::unique_fd cancel_read(kiv::above_standard(ends[0]));
+    kiv::unique_fd cancel_write(kiv::above_standard(ends[1]));
+    if (made == -1 || cancel_read.get() == -1 || cancel_write.get() == -1) {
         const kiv::errno_guard keep;
         ::free(s);
         return nullptr;
     }
     s->waits[0] = {.fd = device.release(), .events = POLLIN, .revents = 0};
-    s->waits[1] = {.fd = ends[0], .events = POLLIN, .revents = 0};
-    s->cancel_write = ends[1];
+    s->waits[1] = {.fd = cancel_read.release(), .events = POLLIN, .revents = 0};
+    s->cancel_write = cancel_write.release();
     return s;
 }
 

@@ -1,14 +1,11 @@
-// The cancellable descriptor, for the serial port that reads through it: the read is inline there, because
-// it is on the path of every byte.
+// The cancellable descriptor, for the serial port that reads through it.
 
 #ifndef KIV_LINUX_LINUX_SFD_H
 #define KIV_LINUX_LINUX_SFD_H
 
-#include <cerrno>
 #include <poll.h>
 #include <unistd.h>
 
-#include "common/hints.h"
 #include "kiv/uart.h"
 
 struct kiv_linux_sfd {
@@ -24,12 +21,12 @@ struct kiv_linux_sfd {
 namespace kiv {
 
 // No data on the device: a cancellation, which is used up, or an event such as a hang-up.
-[[gnu::cold]] ssize_t sread_without_data(const kiv_linux_sfd &s) noexcept;
+ssize_t sread_without_data(const kiv_linux_sfd &s) noexcept;
 
-KIV_SHARED ssize_t sread(kiv_linux_sfd &s, void *buffer, size_t length) noexcept {
-    if (::poll(s.waits, 2, -1) < 1) [[unlikely]]
+inline ssize_t sread(kiv_linux_sfd &s, void *buffer, size_t length) noexcept {
+    if (::poll(s.waits, 2, -1) < 1)
         return -1;
-    if (s.has_data()) [[likely]]
+    if (s.has_data())
         return ::read(s.device(), buffer, length);
     return sread_without_data(s);
 }

@@ -82,63 +82,32 @@ void empty_cache() {
     bt_cache.tail = 0;
 }
 
-// What a read that gave no packet means: an interrupted one is made again.
-[[gnu::cold, gnu::noinline]] ssize_t without_packet(const UART_infos *const &port, void *to, ssize_t ret) {
-    if (ret == -1 && errno == EINTR)
-        ret = kiv::retry([&] { return ::read(port->fd, to, longest_packet); });
-    if (ret <= 0) {
-        empty_cache();
-        check(false, kiv::in("pos_read_bt", KIV_SITE("bt_cache.tail > 0")));
-    }
-    return ret;
-}
-
-[[gnu::always_inline]] inline ssize_t next_packet(const UART_infos *port, void *to) {
-    const ssize_t ret = ::read(port->fd, to, longest_packet);
-    return ret > 0 ? ret : without_packet(port, to, ret);
-}
-
-// The three ways of a read, each in a frame of its own, so that none saves the registers of the others.
-
-// A buffer that takes every packet gets it without a detour.
-KIV_APART int read_whole_packet(UART_infos *port, void *buffer) {
-    return static_cast<int>(next_packet(port, buffer));
-}
-
-KIV_APART int read_packet(UART_infos *port, void *buffer, unsigned int length) {
-    const ssize_t ret = next_packet(port, bt_cache.data);
-    if (ret <= 0) [[unlikely]]
-        return static_cast<int>(ret);
-    const unsigned int count = std::min(static_cast<unsigned int>(ret), length);
-    bt_cache.head = count;
-    bt_cache.tail = static_cast<int32_t>(ret);
-    ::memcpy(buffer, bt_cache.data, count);
-    return static_cast<int>(count);
-}
-
-KIV_APART int take_cached(UART_infos *, void *buffer, unsigned int length) {
-    if (length == 1) { // stacks read headers by the byte: that way costs no call
-        *static_cast<uint8_t *>(buffer) = bt_cache.data[bt_cache.head++];
-        return 1;
-    }
-    const unsigned int count = std::min(static_cast<uint32_t>(bt_cache.tail) - bt_cache.head, length);
-    const uint8_t *from = bt_cache.data + bt_cache.head;
-    bt_cache.head += count;
-    ::memcpy(buffer, from, count);
-    return static_cast<int>(count);
-}
-
 int pos_read_bt(UART_infos *port, void *buffer, unsigned int length) {
-    if (bt_cache.head != static_cast<uint32_t>(bt_cache.tail))
-        return take_cached(port, buffer, length);
-    if (length >= longest_packet)
-        return read_whole_packet(port, buffer);
-    return read_packet(port, buffer, length);
+    packet_cache &cache = bt_cache;
+    if (cache.head == static_cast<uint32_t>(cache.tail)) {
+        cache.head = 0;
+        const ssize_t ret = kiv::retry([=, &cache] { return ::read(port->fd, cache.data, longest_packet); });
+        cache.tail = static_cast<int32_t>(ret);
+        check(ret > 0, KIV_SITE("bt_cache.tail > 0"));
+        if (ret <= 0) {
+            empty_cache();
+            return static_cast<int>(ret);
+        }
+    }
+    const unsigned int count = std::min(static_cast<uint32_t>(cache.tail) - cache.head, length);
+    ::memcpy(buffer, cache.data + cache.head, count);
+    cache.head += count;
+    return static_cast<int>(count);
 }
 
 // 3. Writing --------------------------------------------------------------------------------------------
 
 enum packet_type : uint32_t { command = 1, acl_data = 2, sco_data = 3 };
+
+// Where a packet's header says how long it is, indicator included.
+constexpr uint32_t short_header = 4; // of commands and SCO data: the length is the last byte
+constexpr uint32_t acl_header = 5;   // the last two, the low one first
+constexpr uint32_t length_at = 3;
 
 struct packet_assembler {
     uint32_t count; // bytes collected; 0 between packets
@@ -155,74 +124,63 @@ void forget_packet() {
     bt_packet.len = 0;
 }
 
-// Sends the complete packet. A signal must not reach the caller, who would repeat only the bytes of this
-// call: they would be taken for the start of the next packet.
-int send_packet(const UART_infos &port, unsigned int taken) {
-    const int fd = port.fd;
-    const auto length = static_cast<size_t>(bt_packet.len);
-    const ssize_t ret = kiv::retry([=] { return ::write(fd, bt_packet.data, length); });
+// Sends the packet when it is complete. A signal must not reach the caller, who would repeat only the bytes
+// of this call: they would be taken for the start of the next packet.
+int finish_call(const UART_infos &port, unsigned int taken) {
+    packet_assembler &packet = bt_packet;
+    if (packet.count != static_cast<uint32_t>(packet.len))
+        return static_cast<int>(taken);
+    const ssize_t ret = kiv::retry([&] { return ::write(port.fd, packet.data, packet.count); });
     forget_packet();
     return ret == -1 ? -1 : static_cast<int>(taken);
 }
 
-[[gnu::cold, gnu::noinline]] int drop_byte(uint8_t indicator) {
+KIV_COLD int drop_byte(uint8_t indicator) {
     kiv::log_failure("Invalid BT packet %d\n", indicator);
     return 1;
 }
 
-[[gnu::cold, gnu::noinline]] int drop_header() {
+KIV_COLD int drop_header() {
     kiv::log_failure("Invalid BT packet : too big : %d\n", bt_packet.len);
     forget_packet();
     return 1;
 }
 
-constexpr uint32_t short_header = 4; // of commands and SCO data, indicator included
-constexpr uint32_t acl_header = 5;
-
-// The header may be complete now: then it tells the packet's length.
-int continue_header(const UART_infos &port) {
-    packet_assembler &packet = bt_packet;
-    uint32_t len = short_header + packet.data[3];
-    if (packet.type == acl_data) {
-        if (packet.count < acl_header)
-            return 1;
-        len = acl_header + packet.data[3] + 256U * packet.data[4];
-    }
-    packet.len = static_cast<int32_t>(len);
-    if (len > longest_packet) [[unlikely]]
-        return drop_header();
-    return packet.count == len ? send_packet(port, 1) : 1;
-}
-
-// One byte of the indicator and the header.
-int take_byte(const UART_infos &port, uint8_t byte) {
+// One byte of the indicator and the header, which tells the packet's length when it is complete.
+int take_header(const UART_infos &port, uint8_t byte) {
     packet_assembler &packet = bt_packet;
     if (packet.count == 0) {
-        if (byte < command || byte > sco_data) [[unlikely]]
+        if (byte < command || byte > sco_data)
             return drop_byte(byte);
         packet.type = byte;
     }
     packet.data[packet.count] = byte;
     packet.count += 1;
-    return packet.count < short_header ? 1 : continue_header(port);
+    const bool is_acl = packet.type == acl_data;
+    if (packet.count < (is_acl ? acl_header : short_header))
+        return 1;
+    packet.len = static_cast<int32_t>(packet.count + packet.data[length_at]);
+    if (is_acl)
+        packet.len += 256 * packet.data[length_at + 1];
+    if (static_cast<uint32_t>(packet.len) > longest_packet)
+        return drop_header();
+    return finish_call(port, 1);
 }
 
-[[gnu::noinline]] int take_payload(const UART_infos &port, const void *bytes, unsigned int length) {
+int take_payload(const UART_infos &port, const void *bytes, unsigned int length) {
     packet_assembler &packet = bt_packet;
-    uint8_t *to = packet.data + packet.count;
     const unsigned int taken = std::min(static_cast<uint32_t>(packet.len) - packet.count, length);
+    ::memcpy(packet.data + packet.count, bytes, taken);
     packet.count += taken;
-    ::memcpy(to, bytes, taken);
-    return packet.count == static_cast<uint32_t>(packet.len) ? send_packet(port, taken)
-                                                             : static_cast<int>(taken);
+    return finish_call(port, taken);
 }
 
 int pos_write_bt(UART_infos *port, const void *buffer, unsigned int length) {
-    if (length == 0) [[unlikely]]
+    if (length == 0)
         return 0;
     if (bt_packet.len != 0)
         return take_payload(*port, buffer, length);
-    return take_byte(*port, *static_cast<const uint8_t *>(buffer));
+    return take_header(*port, *static_cast<const uint8_t *>(buffer));
 }
 
 int pos_writev_bt(UART_infos *port, const iovec *iov, int iovcnt) {
@@ -235,7 +193,7 @@ enum opening_type { TYPE_DEVID = 0, TYPE_SYSPATH = 1 };
 
 // Returns a raw socket that is bound to the device, or -1 with errno.
 int bluez_open_dev(int dev_id) {
-    const int fd = ::socket(AF_BLUETOOTH, SOCK_RAW, BTPROTO_HCI);
+    const int fd = kiv::above_standard(::socket(AF_BLUETOOTH, SOCK_RAW, BTPROTO_HCI));
     if (fd == -1) {
         trace_errno(KIV_SITE("fd = socket(31, SOCK_RAW, 1)"));
         return -1;
@@ -251,16 +209,18 @@ int bluez_open_dev(int dev_id) {
     return fd;
 }
 
-// Traces a device request that has failed. Returns its errno.
-[[gnu::cold, gnu::noinline]] int trace_request(unsigned long request, const char *argument,
-                                               const char *function, int line) {
-    return kiv::report::trace_request({.fd = "UART_infos->fd",
-                                       .direction = "1U",
-                                       .type = 'H',
-                                       .number = static_cast<unsigned int>(_IOC_NR(request)),
-                                       .size = "int",
-                                       .argument = argument},
-                                      function, line, KIV_MODULE);
+// Makes a device request on behalf of pos_open_bt_generic; argument is what its trace shows of the value.
+int device_request(int device, unsigned long request, int value, const char *argument) {
+    const int ret = ::ioctl(device, request, value);
+    if (ret == -1)
+        kiv::report::trace_request({.fd = "UART_infos->fd",
+                                    .direction = "1U",
+                                    .type = 'H',
+                                    .number = static_cast<unsigned int>(_IOC_NR(request)),
+                                    .size = "int",
+                                    .argument = argument},
+                                   "pos_open_bt_generic", __LINE__, KIV_MODULE);
+    return ret;
 }
 
 // The order is fixed: a device changes to raw mode while it is down, so that the kernel's own stack leaves it
@@ -278,17 +238,12 @@ int pos_open_bt_generic(UART_infos *port, const char *dev_number, opening_type t
         return trace_errno(KIV_SITE("UART_infos->fd = bluez_open_dev(dev_id)"));
     if (::setsockopt(device.get(), SOL_HCI, HCI_FILTER, &everything, sizeof everything) == -1)
         return trace_errno(KIV_SITE("ret = setsockopt(UART_infos->fd, 0, 2, &filter, sizeof(filter))"));
-    if (::ioctl(device.get(), HCIDEVDOWN, dev_id) == -1)
-        return trace_request(HCIDEVDOWN, "dev_id", __func__, __LINE__);
-    const int ret = ::ioctl(device.get(), HCISETRAW, 1);
-    if (ret != 0) {
-        const int error = ret == -1 ? trace_request(HCISETRAW, "1", __func__, __LINE__) : 0;
-        check(false, KIV_SITE("\"no CAP_NET_ADMIN right ???\\n\" && ret == 0"));
-        if (ret == -1)
-            return error;
-    }
-    if (::ioctl(device.get(), HCIDEVUP, dev_id) == -1)
-        return trace_request(HCIDEVUP, "dev_id", __func__, __LINE__);
+    if (device_request(device.get(), HCIDEVDOWN, dev_id, "dev_id") == -1)
+        return errno;
+    const int ret = device_request(device.get(), HCISETRAW, 1, "1");
+    check(ret == 0, KIV_SITE("\"no CAP_NET_ADMIN right ???\\n\" && ret == 0"));
+    if (ret == -1 || device_request(device.get(), HCIDEVUP, dev_id, "dev_id") == -1)
+        return errno;
 
     // What an earlier port has left half read or half written is not for this one.
     empty_cache();
@@ -304,9 +259,9 @@ int pos_open_bt_generic(UART_infos *port, const char *dev_number, opening_type t
 } // namespace
 
 int pos_open_bt(UART_infos *port, const char *device_name, unsigned int) {
-    if (port == nullptr || device_name == nullptr) [[unlikely]]
-        return kiv::refuse_opening(port, __func__, __LINE__);
-    const char *dev_number = kiv::after("hci", device_name);
+    if (kiv::check_opening(port, device_name, __func__, __LINE__) != 0)
+        return EINVAL;
+    const char *dev_number = kiv::skip_prefix("hci", device_name);
     if (dev_number == nullptr)
         return EINVAL;
     return pos_open_bt_generic(port, dev_number, TYPE_DEVID);

@@ -17,7 +17,7 @@
 namespace {
 
 // A TAP interface takes and gives whole frames: what was moved includes the header, or there was an error.
-[[gnu::always_inline]] inline int payload_of(ssize_t moved) {
+int payload_of(ssize_t moved) {
     return moved != -1 ? static_cast<int>(moved) - KIV_ETH_HEADER_SIZE : -errno;
 }
 

@@ -8,6 +8,7 @@
 #include <net/if_arp.h>
 #include <sys/ioctl.h>
 
+#include "common/fd.h"
 #include "common/hints.h"
 #include "common/report.h"
 
@@ -29,7 +30,7 @@ KIV_COLD void log_refused_address(const char *label, const uint8_t *address) noe
 } // namespace
 
 int open_tun_device(const char *path) noexcept {
-    const int fd = ::open(path, O_RDWR);
+    const int fd = above_standard(::open(path, O_RDWR));
     if (fd != -1 && pos_wants(3))
         sup_log_msg_nocolor_raw(pos_category_name, 3, "bnep device is %s\n", path);
     return fd;

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <net/if.h>
+
 namespace kiv {
 
 // Where the TUN clone device may be, the likelier first. Characters in place: pointers would have to be

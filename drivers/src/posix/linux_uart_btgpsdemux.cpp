@@ -19,6 +19,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "common/connection.h"
 #include "common/fd.h"
 #include "common/hints.h"
 #include "common/lock.h"
@@ -28,6 +29,9 @@
 #include "common/unix_socket.h"
 #include "kiv/transports.h"
 
+using kiv::connection;
+using kiv::current_connection;
+using kiv::late_trace;
 using kiv::mutex_hold;
 using kiv::trace_errno;
 
@@ -39,14 +43,6 @@ struct btgpsdemux_state {
     sup_mutex_t mutex;
     sockaddr_un server_address;
     uint32_t never_connected;
-    uint32_t replaced; // the count of the connection that was ended for another one's failure, or 0
-    int32_t lost;      // the number of an ended connection, kept until the next one takes it over, or -1
-};
-
-// What a transfer works on.
-struct connection {
-    int fd;
-    uint32_t count;
 };
 
 btgpsdemux_state &state_of(const UART_infos &port) {
@@ -54,8 +50,8 @@ btgpsdemux_state &state_of(const UART_infos &port) {
 }
 
 // Returns 0, or the status of the step that failed, with nothing made.
-int make_state(UART_infos &port, const char *socket_path) {
-    auto *state = kiv::make_zeroed<btgpsdemux_state>();
+int make_state(btgpsdemux_state *&state, const char *socket_path) {
+    state = kiv::make_zeroed<btgpsdemux_state>();
     if (state == nullptr)
         return ENOMEM;
     const int status = sup_mutex_init(&state->mutex, 0);
@@ -64,27 +60,18 @@ int make_state(UART_infos &port, const char *socket_path) {
         return status;
     }
     state->never_connected = 1;
-    state->lost = -1;
     kiv::name_socket(state->server_address, socket_path);
-    port.priv = state;
     return 0;
 }
 
-// Everything that an opening made, as far as it came. Harmless a second time.
-void release(UART_infos &port) {
-    if (port.priv != nullptr) {
-        const kiv::unique_fd lost(state_of(port).lost);
-        sup_mutex_destroy(&state_of(port).mutex);
-        ::free(port.priv);
-        port.priv = nullptr;
-    }
-    if (port.fd != -1) {
-        ::close(port.fd);
-        port.fd = -1;
-    }
+void release_state(btgpsdemux_state &state) {
+    sup_mutex_destroy(&state.mutex);
+    ::free(&state);
 }
 
 // 2. Connections ----------------------------------------------------------------------------------------
+
+constexpr useconds_t retry_interval_us = 500000;
 
 void tell(UART_infos &port, void (*callback)(UART_infos *, void *)) {
     if (callback != nullptr)
@@ -97,88 +84,58 @@ void begin(UART_infos &port, int fd) {
     tell(port, port.status_cb.connected);
 }
 
-// Shuts the connection down, which brings back whoever is blocked on it and tells the service. Its number
-// stays the port's: a thread that is late with it finds the end of the old connection or the new one, and
-// never somebody else's descriptor.
-void end_connection(UART_infos &port) {
-    const int number = port.fd;
-    kiv::set_current_fd(port, -1);
-    ::shutdown(number, SHUT_RDWR);
-    state_of(port).lost = number;
-}
-
-// The number of the next connection, whose socket is given: the lost one's, if it can be had.
-int take_number(btgpsdemux_state &state, kiv::unique_fd &connected) {
-    kiv::unique_fd lost(state.lost);
-    state.lost = -1;
-    return lost.get() != -1 && ::dup2(connected.get(), lost.get()) != -1 ? lost.release()
-                                                                         : connected.release();
-}
-
 // With the mutex held. Returns 0 when connected, or the error of a socket that could not be made.
-KIV_COLD int btgpsdemux_reconnect(UART_infos &port) {
-    if (port.fd != -1)
-        end_connection(port);
+int btgpsdemux_reconnect(UART_infos &port, late_trace &failure) {
+    kiv::end_connection(port, port.flags);
     if (state_of(port).never_connected == 0)
         tell(port, port.status_cb.disconnected);
-    kiv::unique_fd fresh(kiv::unix_socket());
-    if (fresh.get() == -1)
-        return trace_errno(KIV_SITE("fd = socket(1, SOCK_STREAM, 0)"));
-    constexpr useconds_t retry_interval_us = 500000;
+    kiv::unique_fd fresh(kiv::next_descriptor(port, kiv::unix_socket));
+    if (fresh.get() == -1) {
+        failure.note(KIV_SITE("fd = socket(1, SOCK_STREAM, 0)"));
+        return errno;
+    }
     while (kiv::connect_unix(fresh.get(), state_of(port).server_address) == -1)
         ::usleep(retry_interval_us);
-    begin(port, take_number(state_of(port), fresh));
+    begin(port, fresh.release());
     return 0;
 }
 
-connection standing_connection(const UART_infos &port) {
-    return {port.fd, kiv::connection_count(port)};
-}
-
-// After a call has failed on one connection: makes the next, even if the other thread has just made one,
-// since both have seen the link fail. But a thread that has only been cut off by that does not do the same to
-// the other again, or the two would take turns for ever: it goes on with the connection that stands. now
-// becomes that connection. Returns as btgpsdemux_reconnect does.
-KIV_COLD int renew(UART_infos &port, connection &now) {
-    btgpsdemux_state &state = state_of(port);
-    const mutex_hold hold(state.mutex);
-    int status = 0;
-    if (port.fd == -1 || now.count != state.replaced) {
-        const uint32_t standing = kiv::connection_count(port);
-        if (port.fd != -1 && now.count != standing)
-            state.replaced = standing;
-        status = btgpsdemux_reconnect(port);
-    }
-    now = standing_connection(port);
-    return status;
+// After a call has failed on a connection, or has found none. One that failed by itself makes the next
+// connection, even if the other thread has just made one, since both have seen the link fail. One that has
+// only been cut off by the other thread's reconnection goes on with the connection that stands. Returns as
+// btgpsdemux_reconnect does.
+KIV_COLD int renew(UART_infos &port, bool failed_by_itself) {
+    late_trace failure;
+    const mutex_hold hold(state_of(port).mutex);
+    return failed_by_itself || port.fd == -1 ? btgpsdemux_reconnect(port, failure) : 0;
 }
 
 // 3. Data -----------------------------------------------------------------------------------------------
 
-KIV_COLD int failed_with(int error) {
-    errno = error; // not before the mutex is free: kiv-core's unlocking may set it
-    return -1;
-}
-
 enum class direction { out, in };
 
-// One frame for both ways. The buffer is only read from when bytes go out.
-KIV_HOT int transfer(UART_infos &port, direction way, void *buffer, unsigned int length) {
-    btgpsdemux_state &state = state_of(port);
-    sup_mutex_lock(&state.mutex);
-    int status = 0;
-    if (port.fd == -1) [[unlikely]]
-        status = btgpsdemux_reconnect(port);
-    connection now = standing_connection(port);
-    sup_mutex_unlock(&state.mutex);
-    while (status == 0) {
-        const ssize_t count =
-            way == direction::out ? ::write(now.fd, buffer, length) : ::read(now.fd, buffer, length);
-        if (count > 0) [[likely]]
-            return static_cast<int>(count);
-        status = renew(port, now);
+// One loop for both ways. The buffer is only read from when bytes go out.
+inline int transfer(UART_infos &port, direction way, void *buffer, unsigned int length) {
+    connection now = current_connection(port, state_of(port).mutex);
+    for (bool failed_before = false;; failed_before = true) {
+        bool failed_by_itself = false;
+        if (now.fd >= 0) {
+            const ssize_t count =
+                way == direction::out ? ::write(now.fd, buffer, length) : ::read(now.fd, buffer, length);
+            if (count > 0)
+                return static_cast<int>(count);
+            // Asked at once: whoever cuts this call off takes the connection out of the record before.
+            failed_by_itself = kiv::stands(port, now);
+            if (failed_before && failed_by_itself)
+                ::usleep(retry_interval_us);
+        }
+        const int status = renew(port, failed_by_itself);
+        if (status != 0) {
+            errno = status; // not before the mutex is free: kiv-core's unlocking may set it
+            return -1;
+        }
+        now = current_connection(port);
     }
-    return failed_with(status);
 }
 
 int pos_btgpsdemux_read(UART_infos *port, void *buffer, unsigned int length) {
@@ -192,7 +149,8 @@ int pos_btgpsdemux_write(UART_infos *port, const void *buffer, unsigned int leng
 // 4. Opening, closing -----------------------------------------------------------------------------------
 
 int pos_btgpsdemux_close(UART_infos *port) {
-    release(*port);
+    release_state(state_of(*port));
+    kiv::release_connection(*port);
     kiv::detach(*port);
     return 0;
 }
@@ -200,19 +158,20 @@ int pos_btgpsdemux_close(UART_infos *port) {
 // Two sockets: one to try, and one to have in fd if the service is not there yet, so that fd is a descriptor
 // from the beginning. The first read or write fails on that one and connects. Returns 0 or the errno of the
 // socket that could not be made.
-int connect_first(UART_infos &port, const char *function) {
-    kiv::unique_fd idle(kiv::unix_socket());
+int connect_first(UART_infos &port, btgpsdemux_state &state, const char *function) {
+    kiv::unique_fd idle(kiv::unix_socket(port));
     if (idle.get() == -1)
-        return trace_errno(kiv::in(function, KIV_SITE("UART_infos->fd = socket(1, SOCK_STREAM, 0)")));
-    kiv::unique_fd fresh(kiv::unix_socket());
+        return trace_errno(KIV_ON_BEHALF_OF(function, "UART_infos->fd = socket(1, SOCK_STREAM, 0)"));
+    kiv::unique_fd fresh(kiv::unix_socket(port));
     if (fresh.get() == -1)
-        return trace_errno(kiv::in(function, KIV_SITE("fd = socket(1, SOCK_STREAM, 0)")));
+        return trace_errno(KIV_ON_BEHALF_OF(function, "fd = socket(1, SOCK_STREAM, 0)"));
 
     kiv::attach(port, {.read = pos_btgpsdemux_read,
                        .write = pos_btgpsdemux_write,
                        .writev = nullptr,
                        .close = pos_btgpsdemux_close});
-    if (kiv::connect_unix(fresh.get(), state_of(port).server_address) == -1) {
+    port.priv = &state;
+    if (kiv::connect_unix(fresh.get(), state.server_address) == -1) {
         kiv::begin_connection(port, idle.release());
         return 0;
     }
@@ -226,10 +185,15 @@ int connect_first(UART_infos &port, const char *function) {
 int pos_btgpsdemux_open(UART_infos *port, const char *socket_path) {
     if (port == nullptr || socket_path == nullptr)
         return -EINVAL;
-    int status = make_state(*port, socket_path);
-    if (status == 0)
-        status = connect_first(*port, __func__);
+    // What a record that was not prepared holds is not this port's: a failure must not release it.
+    port->fd = -1;
+    port->priv = nullptr;
+    btgpsdemux_state *state;
+    int status = make_state(state, socket_path);
     if (status != 0)
-        release(*port);
+        return status;
+    status = connect_first(*port, *state, __func__);
+    if (status != 0)
+        release_state(*state);
     return status;
 }
