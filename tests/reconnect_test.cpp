@@ -220,7 +220,7 @@ TEST_P(Dropping, ALateThreadSparesTheNextConnection) {
         gate.wait_reached();
         lose(peer);
         peer = connect_by_writing();
-        EXPECT_TRUE(fd() == number || transport == tcp_server);
+        ASSERT_EQ(fd(), number);
         gate.open();
         if (late_is_reader) {
             expect_read_from(peer, late);
@@ -280,7 +280,7 @@ TEST_P(Dropping, OneReaderAndManyWritersOutliveTheirPeers) {
 // once the port is closed, the number is whoever's has it next.
 class Keeping : public Reconnect {};
 
-INSTANTIATE_TEST_SUITE_P(, Keeping, ::testing::Values(tcp_client, unix_client), transport_name);
+INSTANTIATE_TEST_SUITE_P(, Keeping, ::testing::Values(tcp_server, tcp_client, unix_client), transport_name);
 
 TEST_P(Keeping, ALostNumberStaysThePortsUntilItIsClosed) {
     Peer peer = connect();
@@ -323,6 +323,25 @@ TEST_P(Searching, AReaderTriesUntilTheServiceIsBack) {
         EXPECT_EQ(pauses(), before + 3);
     }
     EXPECT_EQ(reports().size(), transport == tcp_client ? 3U : 0U); // of each socket that could not be made
+    expect_served_by(peer);
+}
+
+// The process has no descriptor to spare: the lost connection's number makes room for the next one.
+TEST_P(Searching, WithoutADescriptorToSpareTheLostNumberIsGivenUp) {
+    Peer peer = connect();
+    for (const int error : {EMFILE, ENFILE}) {
+        if (transport == demultiplexer) {
+            fail(KIV_SIM_SOCKET, error);
+            lose(peer);
+            peer = far->next();
+            EXPECT_EQ(peer.receive(4), "lost");
+        } else {
+            lose(peer);
+            fail(KIV_SIM_SOCKET, error);
+            peer = connect_by_writing();
+        }
+        reports(); // whoever traces sockets traces this one
+    }
     expect_served_by(peer);
 }
 
@@ -414,6 +433,21 @@ TEST_P(Demultiplexer, AReconnectionWithoutASocketFails) {
     EXPECT_EQ(read_some(), "status 12");
     reports();
     EXPECT_EQ(events.taken(), "CDDDCDCD");
+}
+
+// A loss that one call sees makes one connection.
+TEST_P(Demultiplexer, ABlockedReaderFollowsTheWriter) {
+    const Peer peer = connect();
+    const unsigned reads = kiv_sim_calls(KIV_SIM_READ);
+    AsyncCall text([this] { return read_some(); });
+    text.wait_blocked(reads + 1);
+    lose(peer);
+    const Peer next = far->next();
+    EXPECT_EQ(next.receive(4), "lost");
+    expect_read_from(next, text);
+    EXPECT_TRUE(far->nobody_waits());
+    EXPECT_EQ(events.taken(), "CDC");
+    expect_served_by(next);
 }
 
 // Both make a connection, one after the other, and the later one stays. The reader has been waiting on the
