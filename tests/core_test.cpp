@@ -1,6 +1,5 @@
 // The stand-in kiv-core: what kiv-drivers relies on, and nothing of kiv-drivers itself.
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -8,6 +7,7 @@
 #include <map>
 #include <new>
 #include <poll.h>
+#include <semaphore>
 #include <string>
 #include <sys/mman.h>
 #include <thread>
@@ -50,44 +50,40 @@ TEST_F(CoreTest, MutexWorksAtEveryWordAndKeepsToIts28Bytes) {
     }
 }
 
-struct CoreThread {
-    std::atomic<bool> go = false;
-    std::string name{}; // as the thread has seen it; empty until it has run
+// What a thread has seen; nothing until it has run.
+struct Seen {
+    std::binary_semaphore go{0};
+    std::string name{};
     int deletion_of_itself = 0;
-    sup_thread_t handle = nullptr;
-    sup_thread_control_t control{};
-
-    CoreThread() {
-        EXPECT_EQ(sup_thread_create(&handle, &control, 7, enter, this, 0, "BNEP sender, and more"), 0);
-    }
-
-    static void *enter(void *argument) {
-        auto *own = static_cast<CoreThread *>(argument);
-        own->go.wait(false);
-        char name[16];
-        ::pthread_getname_np(::pthread_self(), name, sizeof name);
-        own->name = name;
-        own->deletion_of_itself = sup_thread_delete(own->handle);
-        return nullptr;
-    }
-    void let_go() {
-        go = true;
-        go.notify_one();
-    }
+    sup_thread_t thread = nullptr;
 };
 
+void *look_around(void *argument) {
+    auto &seen = *static_cast<Seen *>(argument);
+    seen.go.acquire();
+    char name[16];
+    ::pthread_getname_np(::pthread_self(), name, sizeof name);
+    seen.name = name;
+    seen.deletion_of_itself = sup_thread_delete(seen.thread);
+    return nullptr;
+}
+
 TEST_F(CoreTest, ThreadWaitsToBeResumedAndIsWaitedForAtItsDeletion) {
-    CoreThread suspended;
-    CoreThread running;
-    suspended.let_go();
-    EXPECT_EQ(sup_thread_resume(running.handle), 0);
-    EXPECT_EQ(sup_thread_resume(running.handle), EINVAL);
-    running.let_go();
-    EXPECT_EQ(sup_thread_delete(running.handle), 0);
-    EXPECT_EQ(running.name, "BNEP sender, an"); // written by the thread: it has ended
-    EXPECT_EQ(running.deletion_of_itself, EINVAL);
-    EXPECT_EQ(sup_thread_delete(suspended.handle), 0);
-    EXPECT_EQ(suspended.name, ""); // and this one never ran
+    Seen seen[2];
+    sup_thread_control_t controls[2]{};
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(sup_thread_create(&seen[i].thread, &controls[i], 7, look_around, &seen[i], 0,
+                                    "BNEP sender, and more"),
+                  0);
+    EXPECT_EQ(sup_thread_resume(seen[0].thread), 0);
+    EXPECT_EQ(sup_thread_resume(seen[0].thread), EINVAL);
+    for (Seen &each : seen)
+        each.go.release();
+    for (Seen &each : seen)
+        EXPECT_EQ(sup_thread_delete(each.thread), 0);
+    EXPECT_EQ(seen[0].name, "BNEP sender, an");
+    EXPECT_EQ(seen[0].deletion_of_itself, EINVAL);
+    EXPECT_EQ(seen[1].name, "") << "it was never resumed";
     EXPECT_EQ(sup_thread_resume(nullptr), EINVAL);
     EXPECT_EQ(sup_thread_delete(nullptr), EINVAL);
 }
