@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "fixtures/fault_sweep.h"
-#include "fixtures/pins.h"
 #include "kiv/gpio.h"
 #include "kiv/platform.h"
 #include "linux/gpio_backend.h"
@@ -20,6 +19,20 @@ namespace {
 using namespace std::string_literals;
 
 const char module[] = "linux/gpio";
+
+kiv_sim_pin_state pin_state(unsigned pin) {
+    kiv_sim_pin_state state = {};
+    EXPECT_EQ(kiv_sim_pin_inspect(pin, &state), 0);
+    return state;
+}
+
+// Until a thread waits for the pin's interrupt.
+void wait_for_waiter(unsigned pin) {
+    const auto has_waiter = [](const kiv_sim_pin_state *state, void *) {
+        return state->waiting != 0 ? 1 : 0;
+    };
+    EXPECT_EQ(kiv_sim_pin_wait(pin, has_waiter, nullptr), 0);
+}
 
 // The statement of a request: its descriptor, direction, number, the type and the name of its argument.
 std::string requested(const std::string &fd, const std::string &direction, int number,
