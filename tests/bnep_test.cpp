@@ -72,6 +72,9 @@ int sup_thread_delete(sup_thread_t handle) {
     ++core.deleted;
     if (!core.is_running)
         return 0;
+    kiv_sim_tap_state state;
+    kiv_sim_tap_inspect("bnep", &state);
+    EXPECT_EQ(state.exists, 0) << "the thread has not come to its end";
     return core.goes_on ? ::pthread_detach(core.id) : ::pthread_join(core.id, nullptr);
 }
 
