@@ -1,20 +1,16 @@
-// The BNEP sender, on the simulated board and on the machine's own kernel. The threads of kiv-core are the
-// test's: it looks at what is asked of them, and it must not matter whether deleting a thread waits for its
-// end or ends it where it stands.
+// The BNEP sender. The threads of kiv-core are the test's: it looks at what is asked of them, and it must not
+// matter what deleting a thread does.
 
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
-#include <csignal>
 #include <mutex>
 #include <pthread.h>
 #include <sched.h>
 #include <thread>
 #include <tuple>
-#include <unistd.h>
 #include <utility>
 
-#include "fixtures/netns.h"
 #include "fixtures/resources.h"
 #include "fixtures/tap.h"
 #include "kiv/core.h"
@@ -32,35 +28,21 @@ struct {
     int options;
     std::string name;
     pthread_t id;
-    bool is_stopped; // by its deletion, at any instruction; else that waits for its end
+    bool is_running;
+    bool goes_on;    // after its deletion; else that waits for its end
     void (*first)(); // run on the thread before its entry
     int resume_result;
+    bool never_runs; // although it was resumed
     unsigned deleted, mutexes_initialised, mutexes_destroyed;
 } core;
 std::atomic<int> unlock_result;
-std::atomic<bool> at_rest;
-
-// Does not run any further. Of the calls that a signal handler may make.
-[[noreturn]] void rest() {
-    sigset_t all;
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
-    at_rest = true;
-    for (;;)
-        ::pause();
-}
+pthread_mutex_t mutex;
 
 void *run(void *) {
     if (core.first != nullptr)
         core.first();
-    core.entry(core.argument);
-    if (core.is_stopped)
-        rest();
-    return nullptr;
+    return core.entry(core.argument);
 }
-
-// A mutex of a stopped thread may be destroyed while that holds it, so none is used twice.
-pthread_mutex_t mutexes[256];
 
 } // namespace
 
@@ -77,43 +59,38 @@ int sup_thread_create(sup_thread_t *handle, sup_thread_control_t *control, int p
 }
 
 int sup_thread_resume(sup_thread_t handle) {
-    constexpr std::size_t stack = 512 * 1024; // those that rest keep theirs
-    pthread_attr_t attributes;
-    ::pthread_attr_init(&attributes);
-    ::pthread_attr_setstacksize(&attributes, stack);
-    at_rest = false;
     EXPECT_EQ(handle, core.control);
-    EXPECT_EQ(::pthread_create(&core.id, &attributes, run, nullptr), 0);
-    ::pthread_attr_destroy(&attributes);
+    core.is_running = core.resume_result == 0 && !core.never_runs;
+    if (core.is_running) {
+        EXPECT_EQ(::pthread_create(&core.id, nullptr, run, nullptr), 0);
+    }
     return core.resume_result;
 }
 
 int sup_thread_delete(sup_thread_t handle) {
     EXPECT_EQ(handle, core.control);
     ++core.deleted;
-    if (!core.is_stopped)
-        return ::pthread_join(core.id, nullptr);
-    ::pthread_kill(core.id, SIGUSR2);
-    while (!at_rest)
-        ::sched_yield();
-    return 0;
+    if (!core.is_running)
+        return 0;
+    return core.goes_on ? ::pthread_detach(core.id) : ::pthread_join(core.id, nullptr);
 }
 
 int sup_mutex_init(sup_mutex_t *, int) {
-    return ::pthread_mutex_init(&mutexes[++core.mutexes_initialised], nullptr);
+    ++core.mutexes_initialised;
+    return ::pthread_mutex_init(&mutex, nullptr);
 }
 
 int sup_mutex_destroy(sup_mutex_t *) {
     ++core.mutexes_destroyed;
-    return 0;
+    return ::pthread_mutex_destroy(&mutex);
 }
 
 int sup_mutex_lock(sup_mutex_t *) {
-    return ::pthread_mutex_lock(&mutexes[core.mutexes_initialised]);
+    return ::pthread_mutex_lock(&mutex);
 }
 
 int sup_mutex_unlock(sup_mutex_t *) {
-    ::pthread_mutex_unlock(&mutexes[core.mutexes_initialised]);
+    ::pthread_mutex_unlock(&mutex);
     return unlock_result;
 }
 
@@ -338,7 +315,6 @@ TEST_F(Bnep, TriesBothDevices) {
 }
 
 TEST_F(Bnep, AsksForAThreadAsKivCoreExpectsAndAnswersForIt) {
-    const Traffic traffic;
     core.resume_result = 17;
     EXPECT_EQ(kiv_bnep_set_sender_priority(count_step, device, -3), 17);
     EXPECT_EQ(core.priority, -3);
@@ -357,8 +333,16 @@ TEST_F(Bnep, AsksForAThreadAsKivCoreExpectsAndAnswersForIt) {
     EXPECT_EQ(kiv_bnep_set_sender(count_step, device), 17);
     EXPECT_EQ(core.priority, KIV_BNEP_DEFAULT_PRIORITY);
     EXPECT_EQ(kiv_bnep_set_sender(nullptr, device), -1);
-    take_steps(0);
-    reports();
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_USLEEP), 0u) << "a thread that does not run was waited for";
+}
+
+TEST_F(Bnep, AThreadThatComesToNoEndIsNotWaitedForForEver) {
+    core.never_runs = true;
+    kiv_sim_answer(KIV_SIM_USLEEP, 1, KIV_SIM_ALWAYS, 0);
+    EXPECT_EQ(kiv_bnep_set_sender(record_step, device), 0);
+    EXPECT_EQ(kiv_bnep_set_sender(nullptr, nullptr), -1);
+    EXPECT_GT(kiv_sim_calls(KIV_SIM_USLEEP), 0u);
+    EXPECT_EQ(core.deleted, 1u);
 }
 
 TEST_F(Bnep, EndsWithoutABuffer) {
@@ -381,10 +365,12 @@ TEST_F(Bnep, EndsWithoutABuffer) {
 
 // Starts and stops, every other time wherever the thread stands: in its set-up, waiting, reading, delivering.
 // After the stop nothing is delivered, and there is no interface.
-template <typename IsThere>
-void start_and_stop(int count, IsThere is_there) {
-    for (int i = 0; i < count; ++i) {
+TEST_F(Bnep, SurvivesTwoHundredStartsAndStopsUnderTraffic) {
+    const Traffic traffic;
+    EXPECT_EQ(kiv_bnep_set_sender(nullptr, nullptr), 0) << "there is nothing to stop";
+    for (int i = 0; i < 200; ++i) {
         SCOPED_TRACE(i);
+        core.goes_on = i % 4 > 1;
         ASSERT_EQ(kiv_bnep_set_sender(count_step, device), 0);
         const unsigned before = delivered;
         while (i % 2 == 0 && delivered == before)
@@ -392,43 +378,12 @@ void start_and_stop(int count, IsThere is_there) {
         ASSERT_EQ(kiv_bnep_set_sender(nullptr, nullptr), -1);
         const unsigned after = delivered;
         ASSERT_EQ(inject(experimental, Bytes(28)), -1);
-        ASSERT_FALSE(is_there());
+        ASSERT_EQ(tap_state("bnep").exists, 0);
         ASSERT_EQ(delivered, after);
     }
-    for (const std::string &report : reports())
-        EXPECT_EQ(report, on_net_tun[0]);
-}
-
-TEST_F(Bnep, SurvivesTwoHundredStartsAndStopsUnderTraffic) {
-    const Traffic traffic;
-    EXPECT_EQ(kiv_bnep_set_sender(nullptr, nullptr), 0) << "there is nothing to stop";
-    start_and_stop(200, [] { return tap_state("bnep").exists != 0; });
     EXPECT_EQ(kiv_bnep_set_sender(nullptr, nullptr), 0);
+    EXPECT_EQ(reports(), times(200, on_net_tun[0]));
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_CLOSE), kiv_sim_calls(KIV_SIM_OPEN));
-}
-
-// With the machine's own TUN device, because the board must not be stopped inside.
-TEST_F(Bnep, MayBeStoppedAtAnyInstruction) {
-    if (thread_sanitizer)
-        GTEST_SKIP() << "the thread sanitizer's own locks would be held by stopped threads";
-    const std::string refusal = enter_network_namespace();
-    if (!refusal.empty())
-        GTEST_SKIP() << refusal;
-    kiv_sim_tun_set_node(KIV_SIM_NET_TUN, KIV_SIM_TUN_REAL);
-    struct sigaction handler = {};
-    handler.sa_handler = [](int) { rest(); };
-    ::sigaction(SIGUSR2, &handler, nullptr);
-    core.is_stopped = true;
-
-    std::atomic<bool> ended{false};
-    std::thread kernel([&] { // in the same namespace; IPv6 sends when the interface comes up, and this after
-        while (!ended)
-            if (bring_up("bnep"))
-                PacketSocket("bnep", experimental).send(frame_of(60, experimental));
-    });
-    start_and_stop(100, [] { return !hardware_address("bnep").empty(); });
-    ended = true;
-    kernel.join();
 }
 
 TEST_F(Bnep, StaysEndedUntilItIsStopped) {

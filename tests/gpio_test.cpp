@@ -195,7 +195,8 @@ TEST_F(SysfsGpio, ReportsFollowTheLevel) {
         EXPECT_EQ(high(), EIO); // a message of level 2
         EXPECT_EQ(set(), EIO);  // a trace
         select_gpio_backend(GPIO_BACKEND_DEV, -1);
-        EXPECT_EQ(low(), EBADF); // a trace, and a warning, which no level silences
+        ASSERT_EQ(kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, EIO), 0);
+        EXPECT_EQ(low(), EIO); // a trace, and a warning, which no level silences
         EXPECT_EQ(reports().size(), count);
     }
 }

@@ -138,22 +138,6 @@ TEST_F(Sim, ADescriptorThatWasClosedBehindItsBackIsKnown) {
     ::close(other);
 }
 
-// What serial lines of the machine do when they are unplugged.
-TEST_F(Sim, ALineHangsUpForGood) {
-    const int fd = ::open("/dev/ttyKIV0", O_RDWR | O_NOCTTY);
-    kiv_sim_line_hang_up(0, 1);
-    pollfd entry = {fd, POLLIN, 0};
-    EXPECT_EQ(::poll(&entry, 1, 0), 1);
-    EXPECT_EQ(entry.revents, POLLIN | POLLERR | POLLHUP);
-    char got = 0;
-    EXPECT_EQ(::read(fd, &got, 1), 0);
-    EXPECT_EQ(error_of(::write(fd, "x", 1)), EIO);
-    EXPECT_EQ(error_of(::open("/dev/ttyKIV0", O_RDWR)), ENOENT);
-    kiv_sim_line_plug_in(0);
-    EXPECT_EQ(::poll(&entry, 1, 0), 1) << "an old descriptor stays as it is";
-    ::close(fd);
-}
-
 // What the i2c-tools do not ask for; the clock chip has memory from register 8 on.
 TEST_F(Sim, MakesMessagesOfSmbusOperations) {
     const int fd = ::open("/dev/i2c-0", O_RDWR);
