@@ -1,22 +1,19 @@
-// Logging and reports: formatted in memory, then written to stderr in one piece, errno untouched.
+// Logging and reports: formatted in memory, then given to stderr in one write, errno untouched. No lock is
+// held over that write, which blocks when nobody reads a pipe: others would wait for a lock then, and for
+// ever where the thread that blocks is cancelled.
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <pthread.h>
 #include <unistd.h>
 
 #include "kiv/core.h"
 
 namespace {
 
-// A write to a pipe is whole up to PIPE_BUF only, and a short one has to be finished, so the pieces of two
-// threads are kept apart by a lock.
-pthread_mutex_t stderr_lock = PTHREAD_MUTEX_INITIALIZER;
-
+// A signal can end a long write early; the rest follows.
 void write_whole(const char *text, size_t length) {
-    pthread_mutex_lock(&stderr_lock);
     while (length > 0) {
         const ssize_t done = ::write(STDERR_FILENO, text, length);
         if (done == -1 && errno == EINTR)
@@ -26,7 +23,6 @@ void write_whole(const char *text, size_t length) {
         text += done;
         length -= static_cast<size_t>(done);
     }
-    pthread_mutex_unlock(&stderr_lock);
 }
 
 [[gnu::format(printf, 1, 0)]] int write_formatted(const char *format, va_list arguments) {
@@ -57,29 +53,13 @@ void report(const char *kind, const char *expression, const char *file, int line
     sup_system_diag("%s: %s (%s:%d in %s)\n", kind, expression, file, line, function);
 }
 
-pthread_mutex_t registry_lock = PTHREAD_MUTEX_INITIALIZER;
-kiv_log_category *registry_head;
-
-bool is_registered(const kiv_log_category *category) {
-    for (const kiv_log_category *each = registry_head; each != nullptr;
-         each = static_cast<const kiv_log_category *>(each->core))
-        if (each == category)
-            return true;
-    return false;
-}
-
 } // namespace
 
+// The stand-in has no use for categories: levels are tested before it is called. It keeps none, since the
+// library that owns one can be unloaded.
 int kiv_log_dyn_add(kiv_log_category *category) {
-    if (category == nullptr || category->level == nullptr || category->name == nullptr)
-        return EINVAL;
-    pthread_mutex_lock(&registry_lock);
-    if (!is_registered(category)) {
-        category->core = registry_head;
-        registry_head = category;
-    }
-    pthread_mutex_unlock(&registry_lock);
-    return 0;
+    const bool is_complete = category != nullptr && category->level != nullptr && category->name != nullptr;
+    return is_complete ? 0 : EINVAL;
 }
 
 int sup_log_msg_nocolor_raw(const char *, int, const char *format, ...) {

@@ -29,7 +29,7 @@ export KIV_SIM_WIRES=3=4
 row 'GPIO' gpio_button 3 4
 
 # Whoever is at the far end of the USB link answers a line with a line.
-export KIV_SIM_LINE0=$PWD/usb
+export KIV_SIM_TTY0=$PWD/usb
 # shellcheck disable=SC2016 # socat's shell expands it
 background socat UNIX-LISTEN:usb SYSTEM:'read -r line && echo "the far end got \"$line\""'
 wait_until 'the far end of the USB link' test -S usb

@@ -66,10 +66,8 @@ int open_text(int flags) {
 
 // The descriptor is the kernel's alone from here on.
 int open_cpuinfo(const char *, int flags, opened &) {
-    if ((flags & O_ACCMODE) != O_RDONLY) {
-        errno = EACCES;
-        return -1;
-    }
+    if ((flags & O_ACCMODE) != O_RDONLY)
+        return fail(EACCES);
     const guard hold(text_lock);
     return text != nullptr ? open_text(flags) : real().open(path_in_use(), flags);
 }

@@ -14,11 +14,18 @@
 #ifndef KIV_SIM_DEVICE_H
 #define KIV_SIM_DEVICE_H
 
+#include <cerrno>
 #include <sys/socket.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 
 namespace kiv::sim {
+
+// The end of a slot that fails.
+inline int fail(int error) {
+    errno = error;
+    return -1;
+}
 
 // fd is the descriptor of this call (one of several after a dup), state what the opening gave.
 struct operations {
@@ -32,6 +39,8 @@ struct operations {
     int (*getsockopt)(int fd, void *state, int level, int option, void *value, socklen_t *length) = nullptr;
     // Corrects what poll has reported for this descriptor. It must not turn a report into none.
     short (*revents)(void *state, short events, short revents) = nullptr;
+    // The path of the device node that is open; a null slot: none, but a socket or a file. The string stays.
+    const char *(*node)(void *state) = nullptr;
     // The open file has ended; its descriptors are closed already.
     void (*release)(void *state) = nullptr;
 };
@@ -47,6 +56,8 @@ struct opened {
 struct device {
     // open, openat of an absolute path, fopen. open returns a descriptor, or -1 with errno.
     bool (*knows_path)(const char *path) = nullptr;
+    // Whether there is a device node at a path that it knows; where the slot is null the machine is asked.
+    bool (*has_node)(const char *path) = nullptr;
     int (*open)(const char *path, int flags, opened &made) = nullptr;
     // socket; type comes without SOCK_CLOEXEC and SOCK_NONBLOCK, which are in flags.
     bool (*knows_socket)(int domain, int type, int protocol) = nullptr;

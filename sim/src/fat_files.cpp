@@ -26,7 +26,7 @@ constinit unsigned entries = 0;
 // A file is known by what it is and not by the name under which it was opened.
 bool is_file_at(const struct stat64 &file, const char *path) {
     struct stat64 named;
-    return ::stat64(path, &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
+    return real().stat64(path, &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
 }
 
 bool find_in_environment(const struct stat64 &file, std::uint32_t &attributes) {
@@ -41,7 +41,7 @@ bool find_in_environment(const struct stat64 &file, std::uint32_t &attributes) {
 
 bool find(int fd, std::uint32_t &attributes) {
     struct stat64 file;
-    if (::fstat64(fd, &file) != 0)
+    if (real().fstat64(fd, &file) != 0)
         return false;
     const guard hold(table_lock);
     for (unsigned i = 0; i < entries; ++i)

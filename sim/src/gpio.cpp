@@ -35,11 +35,6 @@ struct opening {
 constinit opening *openings = nullptr;
 constinit unsigned waiting[gpio_chip::pins] = {};
 
-int fail(int error) {
-    errno = error;
-    return -1;
-}
-
 int result_of(int error) {
     return error == 0 ? 0 : fail(error);
 }
@@ -53,8 +48,10 @@ void set_signal(opening &of, bool wanted) {
         of.signalled = wanted;
 }
 
+constexpr char gpio_path[] = "/dev/gpio";
+
 bool knows_path(const char *path) {
-    return ::strcmp(path, "/dev/gpio") == 0;
+    return ::strcmp(path, gpio_path) == 0;
 }
 
 // Both descriptors, or -1 with errno.
@@ -190,6 +187,7 @@ const operations gpio_operations = {
     .read = refuse_transfer,
     .write = refuse_transfer,
     .revents = correct_revents,
+    .node = [](void *) { return gpio_path; },
     .release = release_gpio,
 };
 
@@ -262,7 +260,8 @@ void announce_pins() {
 }
 
 extern const device gpio_device;
-const device gpio_device = {.knows_path = knows_path, .open = open_gpio, .reset = reset_gpio};
+const device gpio_device = {
+    .knows_path = knows_path, .has_node = knows_path, .open = open_gpio, .reset = reset_gpio};
 
 // Back door --------------------------------------------------------------------------------------------
 

@@ -83,11 +83,6 @@ constinit controller controllers[KIV_SIM_HCIS] = {
 };
 constinit hci_socket *sockets = nullptr;
 
-int fail(int error) {
-    errno = error;
-    return -1;
-}
-
 // Packets in a byte queue.
 using packet_length = std::uint16_t;
 

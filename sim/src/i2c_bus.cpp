@@ -20,6 +20,7 @@
 #include "memory.h"
 #include "real.h"
 #include "rtc_model.h"
+#include "smbus.h"
 #include "waiting.h"
 
 namespace kiv::sim {
@@ -106,8 +107,7 @@ int transfer(const i2c_msg *messages, unsigned count) {
     if (error == 0)
         return 0;
     ++seen.refused;
-    errno = error;
-    return -1;
+    return fail(error);
 }
 
 // 3. The device ------------------------------------------------------------------------------------------
@@ -186,31 +186,43 @@ int transfer_copies(const i2c_rdwr_ioctl_data &wanted) {
 }
 
 int combined_transfer(const void *argument) {
-    if (argument == nullptr) {
-        errno = EFAULT;
-        return -1;
-    }
+    if (argument == nullptr)
+        return fail(EFAULT);
     i2c_rdwr_ioctl_data wanted;
     ::memcpy(&wanted, argument, sizeof wanted);
     remember(wanted);
     const int refusal = refusal_of(wanted);
-    if (refusal != 0) {
-        errno = refusal;
-        return -1;
-    }
+    if (refusal != 0)
+        return fail(refusal);
     return transfer_copies(wanted) == 0 ? static_cast<int>(wanted.nmsgs) : -1;
 }
 
+// What the kernel makes of messages, but for checksums, which the chips do not know.
+constexpr unsigned long functions = I2C_FUNC_I2C | (I2C_FUNC_SMBUS_EMUL & ~I2C_FUNC_SMBUS_PEC);
+
+int smbus_operation(const client &of, const i2c_smbus_ioctl_data *wanted) {
+    if (wanted == nullptr)
+        return fail(EFAULT);
+    if (wanted->read_write != I2C_SMBUS_READ && wanted->read_write != I2C_SMBUS_WRITE)
+        return fail(EINVAL);
+    smbus_transfer made;
+    const int refusal = made.compose(of.address, wanted->read_write == I2C_SMBUS_READ, wanted->command,
+                                     wanted->size, wanted->data);
+    if (refusal != 0)
+        return fail(refusal);
+    if (transfer(made.messages(), made.count()) != 0)
+        return -1;
+    if (wanted->data != nullptr)
+        made.give(*wanted->data);
+    return 0;
+}
+
 int bind_address(client &to, unsigned long address, bool force) {
-    if (address >= addresses) {
-        errno = EINVAL;
-        return -1;
-    }
+    if (address >= addresses)
+        return fail(EINVAL);
     const guard hold(bus_lock);
-    if (claimed[address] && !force) {
-        errno = EBUSY;
-        return -1;
-    }
+    if (claimed[address] && !force)
+        return fail(EBUSY);
     to.address = static_cast<unsigned>(address);
     return 0;
 }
@@ -227,26 +239,25 @@ int request(int, void *state, unsigned number, void *argument) {
     case I2C_RDWR:
         return combined_transfer(argument);
     case I2C_FUNCS:
-        *static_cast<unsigned long *>(argument) = I2C_FUNC_I2C;
+        *static_cast<unsigned long *>(argument) = functions;
         return 0;
     case I2C_RETRIES:
     case I2C_TIMEOUT:
         return 0;
+    case I2C_TENBIT:
+    case I2C_PEC:
+        return value == 0 ? 0 : fail(EOPNOTSUPP);
     case I2C_SMBUS:
-        errno = EOPNOTSUPP;
-        return -1;
+        return smbus_operation(to, static_cast<const i2c_smbus_ioctl_data *>(argument));
     default:
-        errno = ENOTTY;
-        return -1;
+        return fail(ENOTTY);
     }
 }
 
 // One plain transfer a piece, which is also how the kernel splits a gathered one.
 ssize_t plain_transfer(const client &to, const iovec *pieces, int count, std::uint16_t flags, int forbidden) {
-    if (to.access == forbidden) {
-        errno = EBADF;
-        return -1;
-    }
+    if (to.access == forbidden)
+        return fail(EBADF);
     if (!is_there(to))
         return -1;
     ssize_t done = 0;
@@ -285,8 +296,11 @@ void release(void *state) {
     ::free(state);
 }
 
-constexpr operations bus_operations = {
-    .ioctl = request, .read = read_bytes, .write = write_bytes, .release = release};
+constexpr operations bus_operations = {.ioctl = request,
+                                       .read = read_bytes,
+                                       .write = write_bytes,
+                                       .node = [](void *) { return bus_path; },
+                                       .release = release};
 
 bool knows_path(const char *path) {
     return ::strcmp(path, bus_path) == 0;
@@ -338,7 +352,8 @@ int on_bus(Action action) {
 } // namespace
 
 extern const device i2c_device;
-const device i2c_device = {.knows_path = knows_path, .open = open_bus, .reset = reset};
+const device i2c_device = {
+    .knows_path = knows_path, .has_node = knows_path, .open = open_bus, .reset = reset};
 
 } // namespace kiv::sim
 

@@ -11,7 +11,9 @@
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 // What _FORTIFY_SOURCE turns calls into; the headers declare these only while it is on.
@@ -26,6 +28,17 @@ int __poll_chk(pollfd *entries, nfds_t count, int timeout, size_t room);
 int __ppoll_chk(pollfd *entries, nfds_t count, const timespec *timeout, const sigset_t *mask, size_t room);
 }
 
+// termios.h and the kernel's header of that name cannot be included together, and models need the latter.
+struct termios;
+extern "C" {
+int tcgetattr(int fd, termios *settings) noexcept;
+int tcsetattr(int fd, int when, const termios *settings) noexcept;
+int tcdrain(int fd);
+int tcflush(int fd, int queue) noexcept;
+int tcflow(int fd, int action) noexcept;
+int tcsendbreak(int fd, int duration) noexcept;
+}
+
 // 32-bit systems have a second set of names for programs whose time_t has 64 bits.
 #if defined(__TIMESIZE) && __TIMESIZE == 32
 #    define KIV_SIM_TIME64 1
@@ -36,6 +49,7 @@ int __ppoll_chk(pollfd *entries, nfds_t count, const timespec *timeout, const si
 #if KIV_SIM_TIME64
 struct timeval64;
 struct timespec64;
+struct stat64_time64;
 extern "C" {
 int __ioctl_time64(int fd, unsigned long request, ...) noexcept;
 int __fcntl_time64(int fd, int command, ...);
@@ -57,7 +71,11 @@ int __clock_nanosleep_time64(clockid_t clock, int flags, const timespec64 *wante
         X(__setsockopt64)                                                                                    \
         X(__getsockopt64)                                                                                    \
         X(__nanosleep64)                                                                                     \
-        X(__clock_nanosleep_time64)
+        X(__clock_nanosleep_time64)                                                                          \
+        X(__stat64_time64)                                                                                   \
+        X(__lstat64_time64)                                                                                  \
+        X(__fstat64_time64)                                                                                  \
+        X(__fstatat64_time64)
 #else
 #    define KIV_SIM_TIME64_CALLS(X)
 #endif
@@ -109,6 +127,30 @@ int __clock_nanosleep_time64(clockid_t clock, int flags, const timespec64 *wante
     X(fopen)                                                                                                 \
     X(fopen64)                                                                                               \
     X(fclose)                                                                                                \
+    X(tcgetattr)                                                                                             \
+    X(tcsetattr)                                                                                             \
+    X(tcdrain)                                                                                               \
+    X(tcflush)                                                                                               \
+    X(tcflow)                                                                                                \
+    X(tcsendbreak)                                                                                           \
+    X(isatty)                                                                                                \
+    X(ttyname)                                                                                               \
+    X(ttyname_r)                                                                                             \
+    X(stat)                                                                                                  \
+    X(stat64)                                                                                                \
+    X(lstat)                                                                                                 \
+    X(lstat64)                                                                                               \
+    X(fstat)                                                                                                 \
+    X(fstat64)                                                                                               \
+    X(fstatat)                                                                                               \
+    X(fstatat64)                                                                                             \
+    X(statx)                                                                                                 \
+    X(access)                                                                                                \
+    X(euidaccess)                                                                                            \
+    X(eaccess)                                                                                               \
+    X(getxattr)                                                                                              \
+    X(lgetxattr)                                                                                             \
+    X(faccessat)                                                                                             \
     KIV_SIM_TIME64_CALLS(X)
 
 namespace kiv::sim {

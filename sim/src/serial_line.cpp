@@ -73,14 +73,13 @@ unsigned requested_rate(const termios2 &wanted) {
 void serial_line::set(const termios2 &wanted) {
     const bool was_down = (settings_.c_cflag & CBAUD) == B0;
     const unsigned asked = requested_rate(wanted);
-    const unsigned rate = asked < max_speed_ ? asked : max_speed_;
+    const unsigned kept = can_make(settings_.c_ospeed) ? settings_.c_ospeed : max_speed_;
+    const unsigned rate = can_make(asked) ? asked : kept;
     const standard_speed *known = find_rate(rate);
     settings_ = wanted;
     settings_.c_cflag &= ~static_cast<tcflag_t>(CBAUD);
     settings_.c_cflag |= known != nullptr ? known->code : static_cast<tcflag_t>(BOTHER);
     settings_.c_ispeed = settings_.c_ospeed = rate;
-    if ((settings_.c_iflag & IXON) == 0)
-        stopped_ = false;
     if (rate == 0)
         drop_outputs();
     else if (was_down)
@@ -102,46 +101,6 @@ void serial_line::set_outputs(unsigned lines) {
 
 void serial_line::set_inputs(unsigned lines) {
     modem_ = (modem_ & ~input_lines) | (lines & input_lines);
-}
-
-bool serial_line::holds_output() const {
-    const bool waits_for_cts = (settings_.c_cflag & CRTSCTS) != 0 && (modem_ & KIV_SIM_CTS) == 0;
-    return waits_for_cts || stopped_;
-}
-
-bool serial_line::handle_flow_character(unsigned char byte) {
-    if ((settings_.c_iflag & IXON) == 0 || (byte != settings_.c_cc[VSTART] && byte != settings_.c_cc[VSTOP]))
-        return false;
-    stopped_ = byte == settings_.c_cc[VSTOP];
-    return true;
-}
-
-serial_line::received serial_line::receive(unsigned char byte) {
-    const tcflag_t flags = settings_.c_iflag;
-    if ((flags & ISTRIP) != 0)
-        byte &= 0x7f;
-    const bool refused = (settings_.c_cflag & CREAD) == 0 || handle_flow_character(byte) ||
-                         (byte == '\r' && (flags & IGNCR) != 0);
-    if (refused)
-        return {.delivered = false, .echoed = false, .byte = byte};
-    if (byte == '\r' && (flags & ICRNL) != 0)
-        byte = '\n';
-    else if (byte == '\n' && (flags & INLCR) != 0)
-        byte = '\r';
-    return {.delivered = true, .echoed = (settings_.c_lflag & ECHO) != 0, .byte = byte};
-}
-
-bool serial_line::ends_line(unsigned char byte) const {
-    return byte == '\n' || (settings_.c_cc[VEOL] != 0 && byte == settings_.c_cc[VEOL]);
-}
-
-std::size_t serial_line::transmit(unsigned char byte, unsigned char sent[2]) const {
-    const bool adds_return = (settings_.c_oflag & OPOST) != 0 && (settings_.c_oflag & ONLCR) != 0;
-    std::size_t count = 0;
-    if (byte == '\n' && adds_return)
-        sent[count++] = '\r';
-    sent[count++] = byte;
-    return count;
 }
 
 } // namespace kiv::sim

@@ -1,5 +1,6 @@
-// What a serial port and its line discipline do with settings, modem lines and bytes. Pure behaviour: no
-// descriptors, no locks.
+// What a serial port does with settings and modem lines. Pure behaviour: no descriptors, no locks. Settings
+// of the line discipline (line editing, echo, line ends, XON and XOFF) are kept and have no effect: a port
+// that is used for data turns them off, and bytes pass as they are.
 
 #ifndef KIV_SIM_SERIAL_LINE_H
 #define KIV_SIM_SERIAL_LINE_H
@@ -40,8 +41,8 @@ class serial_line {
     const termios2 &settings() const { return settings_; }
     unsigned modem() const { return modem_; }
 
-    // What TCSETS2 does: the speed becomes what the port's clock gives, and is written back as the kernel
-    // writes it; leaving or entering B0 moves DTR and RTS.
+    // What TCSETS2 does: a speed that the port's clock cannot make leaves the old one; the speed is written
+    // back as the kernel writes it; leaving or entering B0 moves DTR and RTS.
     void set(const termios2 &wanted);
     void set_max_speed(unsigned speed) { max_speed_ = speed; }
 
@@ -51,32 +52,16 @@ class serial_line {
     void set_outputs(unsigned lines);
     void set_inputs(unsigned lines);
 
-    // Whether output has to wait: hardware flow control, or an XOFF that was received.
-    bool holds_output() const;
-
-    bool is_canonical() const { return (settings_.c_lflag & ICANON) != 0; }
-
-    // A received byte: whether it reaches the reader, as which byte, and whether it is sent back.
-    struct received {
-        bool delivered;
-        bool echoed;
-        unsigned char byte;
-    };
-    received receive(unsigned char byte);
-
-    // A received byte, as it is delivered, that makes a canonical line complete.
-    bool ends_line(unsigned char byte) const;
-
-    // A byte that leaves the port: writes one or two bytes, returns how many.
-    std::size_t transmit(unsigned char byte, unsigned char sent[2]) const;
+    // Whether output has to wait: hardware flow control, and the peer is not ready.
+    bool holds_output() const { return (settings_.c_cflag & CRTSCTS) != 0 && (modem_ & KIV_SIM_CTS) == 0; }
+    bool hears() const { return (settings_.c_cflag & CREAD) != 0; }
 
   private:
     termios2 settings_ = initial_settings();
     unsigned max_speed_ = 4000000;
     unsigned modem_ = KIV_SIM_CTS | KIV_SIM_DSR | KIV_SIM_DCD; // a peer is there
-    bool stopped_ = false;
 
-    bool handle_flow_character(unsigned char byte);
+    bool can_make(unsigned rate) const { return rate <= max_speed_; }
 };
 
 } // namespace kiv::sim

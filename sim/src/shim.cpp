@@ -1,4 +1,5 @@
-// The board's place between a program and the C library: every libc name that the board defines is here.
+// The board's place between a program and the C library: every libc name that the board defines is here or in
+// shim_tools.cpp.
 //
 //   Frame          the one way that a call takes: count it, let a fault change it, give it to the device
 //                  behind its descriptor, or pass it on
@@ -20,9 +21,8 @@
 #include "faults.h"
 #include "real.h"
 #include "registry.h"
+#include "shim.h"
 #include "waiting.h"
-
-#define KIV_SIM_LIBC extern "C" __attribute__((visibility("default")))
 
 using namespace kiv::sim;
 
@@ -82,9 +82,10 @@ ssize_t transfer_buffer(kiv_sim_call call, Slot operations::*slot, int fd, void 
     return transfer(slot, fd, &piece, 1, [&] { return real_call(asked); });
 }
 
-// Descriptors 0 to 2 carry the messages of tests and of the program: out of reach for faults.
+// Descriptors 0 to 2 carry the messages of tests and of the program: out of reach for faults, unless a
+// program has put a device there.
 bool is_standard_stream(int fd) {
-    return fd >= 0 && fd <= 2;
+    return fd >= 0 && fd <= 2 && !is_simulated(fd);
 }
 
 // The kernel has given out a number that a simulated device may have had, unnoticed, before.
@@ -96,6 +97,14 @@ int fresh(int fd) {
 } // namespace
 
 // Files ------------------------------------------------------------------------------------------------
+
+// The headers promise the compiler that a path is never null; a program may break that, and the answer is
+// the kernel's. Hence the detour.
+const device *kiv::sim::find_device(const char *given) {
+    const char *volatile unpromised = given;
+    const char *const path = unpromised;
+    return path == nullptr || *path != '/' ? nullptr : device_of_path(path);
+}
 
 namespace {
 
@@ -119,14 +128,6 @@ int open_device(const device &known, const char *path, int flags) {
     if (fd >= 0)
         errno = before;
     return fd;
-}
-
-// The headers promise the compiler that a path is never null; a program may break that, and the answer is
-// the kernel's. Hence the detour.
-const device *find_device(const char *given) {
-    const char *volatile unpromised = given;
-    const char *const path = unpromised;
-    return path == nullptr || *path != '/' ? nullptr : device_of_path(path);
 }
 
 template <class Real>
@@ -400,6 +401,10 @@ int request_of(int fd, unsigned long request, void *argument, decltype(&::ioctl)
 }
 
 } // namespace
+
+int kiv::sim::make_request(int fd, unsigned request, void *argument) {
+    return request_of(fd, request, argument, real().ioctl);
+}
 
 KIV_SIM_LIBC int ioctl(int fd, unsigned long request, ...) noexcept {
     va_list arguments;

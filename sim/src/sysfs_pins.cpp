@@ -43,11 +43,6 @@ struct file {
     int access; // O_RDONLY and so on
 };
 
-int fail(int error) {
-    errno = error;
-    return -1;
-}
-
 directory *find(const char *name, std::size_t length) {
     for (directory &each : directories)
         if (length > 0 && ::strlen(each.name) == length && ::memcmp(each.name, name, length) == 0)

@@ -9,9 +9,9 @@
 //
 // A link is one stretch of a line's life, from its first near end to the last or to a hang-up. Its near
 // socket is what near ends are duplicates of: its receive queue is the port's input. Output goes straight to
-// the line's `sent` bytes; while flow control holds it, it goes through the near socket instead, and the
-// bytes that the far socket has not given out are the held queue. So the kernel does the blocking, EAGAIN
-// and EINTR of a full queue. Everything is guarded by the lock of the line.
+// the far end; while flow control holds it, it goes through the near socket instead, and the bytes that the
+// far socket has not given out are the held queue. So the kernel does the blocking, EAGAIN and EINTR of a
+// full queue. Everything is guarded by the lock of the line.
 
 #include <cerrno>
 #include <cstddef>
@@ -24,6 +24,7 @@
 
 #include "byte_queue.h"
 #include "device.h"
+#include "environment.h"
 #include "kiv/sim.h"
 #include "memory.h"
 #include "real.h"
@@ -37,11 +38,14 @@ namespace {
 
 struct line;
 
+enum class peer { back_door, echo, silent, process };
+
 struct link {
     line *owner;
     int near;
     int far; // -1 after a hang-up, and when the far end is another process
-    bool external;
+    peer at_far_end;
+    bool exclusive;
     bool hung;
     bool readable_when_hung;
     unsigned near_ends;
@@ -56,9 +60,8 @@ struct line {
     mutex lock;
     event changed;
     serial_line port;
-    byte_queue sent;         // left the port, not taken by the far end
-    byte_queue received;     // raw input on its way; empty between calls
-    byte_queue unfinished;   // canonical input that waits for its line to end
+    winsize window = {};
+    byte_queue sent;         // left the port, not taken by the back door
     link *plugged = nullptr; // the link that new near ends join
     bool hung_up = false;
     unsigned drains_waiting = 0;
@@ -71,11 +74,6 @@ constinit line lines[KIV_SIM_LINES];
 constexpr std::size_t chunk = 1024;
 constexpr int held_queue_size = 8192;
 
-int fail(int error) {
-    errno = error;
-    return -1;
-}
-
 // Queues -----------------------------------------------------------------------------------------------
 
 std::size_t unread_bytes(int socket) {
@@ -87,13 +85,22 @@ std::size_t held_bytes(const line &of) {
     return of.plugged != nullptr ? unread_bytes(of.plugged->far) : 0;
 }
 
+// At most a chunk from the far end. False, and nothing has happened, when the input queue is full.
+bool receive_chunk(line &of, const unsigned char *data, std::size_t length) {
+    pollfd queue = {.fd = of.plugged->far, .events = POLLOUT, .revents = 0};
+    if (real().poll(&queue, 1, 0) != 1)
+        return false;
+    return !of.port.hears() || length == 0 ||
+           real().send(of.plugged->far, data, length, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+}
+
+// Bytes leave the port. An echo is lost when the port's input queue is full, as on a wire.
 void transmit(line &of, const unsigned char *data, std::size_t length) {
-    for (std::size_t i = 0; i < length; ++i) {
-        unsigned char bytes[2];
-        const std::size_t count = of.port.transmit(data[i], bytes);
-        of.sent.append(bytes, count);
-        of.counts.sent += count;
-    }
+    of.counts.sent += length;
+    if (of.plugged->at_far_end == peer::echo)
+        receive_chunk(of, data, length);
+    else if (of.plugged->at_far_end == peer::back_door)
+        of.sent.append(data, length);
 }
 
 // Takes what a socket holds without waiting; false when it holds nothing.
@@ -120,46 +127,6 @@ void discard(int socket) {
     }
 }
 
-bool deliver(const link &to, const byte_queue &bytes) {
-    return bytes.size() == 0 ||
-           real().send(to.far, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
-}
-
-// Gives the reader what the canonical queue has collected; a reader that is too slow loses it.
-void finish_line(line &of) {
-    if (of.plugged != nullptr)
-        deliver(*of.plugged, of.unfinished);
-    of.unfinished.clear();
-}
-
-// Raw input waits for nothing, canonical input for the end of its line.
-void receive_byte(line &of, unsigned char raw, byte_queue &deliverable) {
-    const auto byte = of.port.receive(raw);
-    if (!byte.delivered)
-        return;
-    if (byte.echoed)
-        transmit(of, &byte.byte, 1);
-    if (!of.port.is_canonical()) {
-        deliverable.append(&byte.byte, 1);
-        return;
-    }
-    of.unfinished.append(&byte.byte, 1);
-    if (of.port.ends_line(byte.byte))
-        finish_line(of);
-}
-
-// At most a chunk from the far end. False, and nothing has happened, when the input queue is full.
-bool receive_chunk(line &of, const unsigned char *data, std::size_t length) {
-    pollfd queue = {.fd = of.plugged->far, .events = POLLOUT, .revents = 0};
-    if (real().poll(&queue, 1, 0) != 1)
-        return false;
-    for (std::size_t i = 0; i < length; ++i)
-        receive_byte(of, data[i], of.received);
-    const bool delivered = deliver(*of.plugged, of.received);
-    of.received.clear();
-    return delivered;
-}
-
 // Opening ----------------------------------------------------------------------------------------------
 
 int index_of_path(const char *path) {
@@ -175,15 +142,24 @@ bool knows_path(const char *path) {
     return index_of_path(path) >= 0;
 }
 
-// Where another process is the far end.
-const char *external_path(int index) {
-    char name[] = "KIV_SIM_LINE?";
-    name[sizeof name - 2] = static_cast<char>('0' + index);
-    const char *path = ::getenv(name);
-    return path != nullptr && *path != '\0' ? path : nullptr;
+// The far end that the environment names, and its path if it is another process.
+peer peer_of(int index, const char *&path) {
+    char variable[] = "KIV_SIM_TTY?";
+    variable[sizeof variable - 2] = static_cast<char>('0' + index);
+    path = ::getenv(variable);
+    if (path == nullptr || *path == '\0')
+        return peer::back_door;
+    if (*path == '/' || *path == '@')
+        return peer::process;
+    if (::strcmp(path, "echo") == 0)
+        return peer::echo;
+    if (::strcmp(path, "silent") == 0)
+        return peer::silent;
+    complain(variable, path, "echo, silent, /path or @name");
+    return peer::back_door;
 }
 
-bool connect_external(link &made, const char *path) {
+bool connect_process(link &made, const char *path) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     const std::size_t length = ::strlen(path);
@@ -200,7 +176,7 @@ bool connect_external(link &made, const char *path) {
                           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length)) == 0;
 }
 
-bool connect_back_door(link &made) {
+bool connect_board(link &made) {
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == -1)
         return false;
@@ -223,15 +199,16 @@ link *make_link(line &of, int index) {
     auto *made = allocate<link>();
     if (made == nullptr)
         return nullptr;
-    const char *path = external_path(index);
+    const char *path = nullptr;
     *made = link{.owner = &of,
                  .near = -1,
                  .far = -1,
-                 .external = path != nullptr,
+                 .at_far_end = peer_of(index, path),
+                 .exclusive = false,
                  .hung = false,
                  .readable_when_hung = false,
                  .near_ends = 0};
-    if (path != nullptr ? connect_external(*made, path) : connect_back_door(*made))
+    if (made->at_far_end == peer::process ? connect_process(*made, path) : connect_board(*made))
         return made;
     end_link(made);
     return nullptr;
@@ -240,7 +217,6 @@ link *make_link(line &of, int index) {
 // The caller is the first near end: unread input of an earlier time is gone, the modem sees the port.
 void plug(line &of, link *made) {
     of.plugged = made;
-    of.unfinished.clear();
     of.port.raise_outputs();
 }
 
@@ -251,6 +227,13 @@ int duplicate_near(const link &from, int flags) {
     return fd;
 }
 
+// As udev has it: an unplugged device has no node.
+bool has_node(const char *path) {
+    line &of = lines[index_of_path(path)];
+    const guard hold(of.lock);
+    return !of.hung_up;
+}
+
 extern const operations tty_operations;
 
 int open_tty(const char *path, int flags, opened &made) {
@@ -259,6 +242,8 @@ int open_tty(const char *path, int flags, opened &made) {
     const guard hold(of.lock);
     if (of.hung_up)
         return fail(ENOENT);
+    if (of.plugged != nullptr && of.plugged->exclusive)
+        return fail(EBUSY);
     link *joined = of.plugged != nullptr ? of.plugged : make_link(of, index);
     if (joined == nullptr)
         return -1;
@@ -310,7 +295,7 @@ ssize_t read_tty(int fd, void *state, const iovec *pieces, int count) {
         if (from.hung)
             return 0;
         settings = of.port.settings();
-        returns_at_once = !of.port.is_canonical() && settings.c_cc[VMIN] == 0;
+        returns_at_once = settings.c_cc[VMIN] == 0;
     }
     if (returns_at_once)
         if (const int ready = wait_vtime(fd, settings); ready <= 0)
@@ -328,7 +313,7 @@ ssize_t write_chunk(int fd, link &to, const unsigned char *data, std::size_t len
         const guard hold(of.lock);
         if (to.hung)
             return fail(EIO);
-        if (!to.external && !of.port.holds_output()) {
+        if (to.at_far_end != peer::process && !of.port.holds_output()) {
             settle(of);
             transmit(of, data, length);
             of.changed.notify_all();
@@ -403,8 +388,6 @@ int apply(link &of, const termios2 &wanted) {
     line &owner = *of.owner;
     owner.port.set(wanted);
     ++owner.counts.settings_set;
-    if (!owner.port.is_canonical())
-        finish_line(owner);
     settle(owner);
     return 0;
 }
@@ -437,7 +420,12 @@ int drain(link &of) {
     return of.hung ? fail(EIO) : 0;
 }
 
-// With argument 0 the request sends a break, which nothing here can see.
+// Breaks, and the XOFF that a program sends by itself: nobody here can see them.
+int accept(link &, void *) {
+    return 0;
+}
+
+// With argument 0 the request sends a break.
 int drain_or_break(link &of, void *argument) {
     return argument == nullptr ? 0 : drain(of);
 }
@@ -452,7 +440,6 @@ int drain_and_set(link &of, void *argument) {
 
 void flush_input(link &of) {
     ++of.owner->counts.input_flushes;
-    of.owner->unfinished.clear();
     discard(of.near);
 }
 
@@ -521,20 +508,63 @@ int count_output(link &of, void *argument) {
     return 0;
 }
 
+// As for a program without privileges: the kernel lets those with them open the line all the same.
+int make_exclusive(link &of, void *) {
+    of.exclusive = true;
+    return 0;
+}
+
+int make_shared(link &of, void *) {
+    of.exclusive = false;
+    return 0;
+}
+
+int get_exclusive(link &of, void *argument) {
+    *static_cast<int *>(argument) = of.exclusive ? 1 : 0;
+    return 0;
+}
+
+int get_window(link &of, void *argument) {
+    ::memcpy(argument, &of.owner->window, sizeof of.owner->window);
+    return 0;
+}
+
+int set_window(link &of, void *argument) {
+    ::memcpy(&of.owner->window, argument, sizeof of.owner->window);
+    return 0;
+}
+
 // Numbers and not the header's names for the termios2 ones: those are made with sizeof, and are what the
 // table is about.
 constexpr struct {
     unsigned request;
     int (*handle)(link &of, void *argument);
 } requests[] = {
-    {0x802c542a, get_settings2},  {0x402c542b, set_settings2},
-    {0x402c542c, drain_and_set2}, {0x402c542d, drain_flush_set2},
-    {TCGETS, get_settings},       {TCSETS, set_settings},
-    {TCSETSW, drain_and_set},     {TCSETSF, drain_flush_set},
-    {TCSBRK, drain_or_break},     {TCFLSH, flush},
-    {TIOCMGET, get_modem},        {TIOCMSET, set_modem},
-    {TIOCMBIS, raise_modem},      {TIOCMBIC, drop_modem},
-    {FIONREAD, count_input},      {TIOCOUTQ, count_output},
+    {0x802c542a, get_settings2},
+    {0x402c542b, set_settings2},
+    {0x402c542c, drain_and_set2},
+    {0x402c542d, drain_flush_set2},
+    {TCGETS, get_settings},
+    {TCSETS, set_settings},
+    {TCSETSW, drain_and_set},
+    {TCSETSF, drain_flush_set},
+    {TCSBRK, drain_or_break},
+    {TCFLSH, flush},
+    {TIOCMGET, get_modem},
+    {TIOCMSET, set_modem},
+    {TIOCMBIS, raise_modem},
+    {TIOCMBIC, drop_modem},
+    {FIONREAD, count_input},
+    {TIOCOUTQ, count_output},
+    {TIOCEXCL, make_exclusive},
+    {TIOCNXCL, make_shared},
+    {TIOCGEXCL, get_exclusive},
+    {TIOCGWINSZ, get_window},
+    {TIOCSWINSZ, set_window},
+    {TCXONC, accept},
+    {TCSBRKP, accept},
+    {TIOCSBRK, accept},
+    {TIOCCBRK, accept},
 };
 static_assert(TCGETS2 == 0x802c542a && TCSETS2 == 0x402c542b && sizeof(termios2) == 44);
 
@@ -551,11 +581,18 @@ int request_tty(int fd, void *state, unsigned request, void *argument) {
     return fail(ENOTTY);
 }
 
+const char *path_of(void *state) {
+    static_assert(KIV_SIM_LINES == 4);
+    constexpr const char *paths[] = {"/dev/ttyKIV0", "/dev/ttyKIV1", "/dev/ttyKIV2", "/dev/ttyKIV3"};
+    return paths[static_cast<link *>(state)->owner - lines];
+}
+
 const operations tty_operations = {
     .ioctl = request_tty,
     .read = read_tty,
     .write = write_tty,
     .revents = correct_revents,
+    .node = path_of,
     .release = release_tty,
 };
 
@@ -568,7 +605,7 @@ void hang_up(line &of, bool readable) {
     if (cut != nullptr) {
         cut->hung = true;
         cut->readable_when_hung = readable;
-        if (cut->external) {
+        if (cut->at_far_end == peer::process) {
             real().shutdown(cut->near, SHUT_RDWR);
         } else {
             real().close(cut->far);
@@ -576,7 +613,6 @@ void hang_up(line &of, bool readable) {
         }
         of.plugged = nullptr;
     }
-    of.unfinished.clear();
     of.changed.notify_all();
 }
 
@@ -585,6 +621,7 @@ void reset_lines() {
         const guard hold(of.lock);
         hang_up(of, true);
         of.port = serial_line();
+        of.window = {};
         of.sent.clear();
         of.hung_up = false;
         of.counts = {};
@@ -635,7 +672,8 @@ int with_line(unsigned index, Action action) {
 } // namespace
 
 extern const device tty_device;
-const device tty_device = {.knows_path = knows_path, .open = open_tty, .reset = reset_lines};
+const device tty_device = {
+    .knows_path = knows_path, .has_node = has_node, .open = open_tty, .reset = reset_lines};
 
 } // namespace kiv::sim
 
@@ -657,7 +695,7 @@ int kiv_sim_line_wait(unsigned index, int (*done)(const kiv_sim_line_state *stat
 size_t kiv_sim_line_send(unsigned index, const void *data, size_t length) {
     size_t taken = 0;
     with_line(index, [&](line &of) {
-        if (of.plugged == nullptr || of.plugged->external)
+        if (of.plugged == nullptr || of.plugged->at_far_end == peer::process)
             return;
         const auto *bytes = static_cast<const unsigned char *>(data);
         while (taken < length) {

@@ -38,7 +38,8 @@ static_assert(name_size == IFNAMSIZ && name_size == KIV_SIM_NAME_SIZE);
 struct tap {
     tap *next;
     int far;      // -1 once the interface was deleted
-    bool refuses; // made from a node that is forbidden
+    int node;     // what was opened
+    bool refuses; // the node was a forbidden one
     bool deleted;
     kiv_sim_tap_state seen; // exists: has a name
     char name[name_size];
@@ -55,11 +56,6 @@ constinit kiv_sim_tun_node nodes[KIV_SIM_TUN_NODES] = {};
 constinit bool has_host = false;
 constinit kiv_sim_host next_host = {};
 constinit unsigned made_addresses = 0;
-
-int fail(int error) {
-    errno = error;
-    return -1;
-}
 
 tap *find(const char *name) {
     for (tap *each = taps; each != nullptr; each = each->next)
@@ -122,7 +118,7 @@ void delete_interface(tap &gone) {
         return;
     gone.deleted = true;
     gone.seen = {};
-    real().close(gone.far); // the near end is readable from now on: the end of its stream
+    real().close(gone.far); // wakes whoever reads, with the end of the stream
     gone.far = -1;
     changed.notify_all();
 }
@@ -145,12 +141,17 @@ bool knows_path(const char *path) {
     return nodes[node] != KIV_SIM_TUN_REAL;
 }
 
+bool has_node(const char *path) {
+    const guard hold(lock);
+    return nodes[node_of_path(path)] != KIV_SIM_TUN_ABSENT;
+}
+
 extern const operations tun_operations;
 
 int open_tun(const char *path, int flags, opened &made) {
     const guard hold(lock);
-    const kiv_sim_tun_node node = nodes[node_of_path(path)];
-    if (node == KIV_SIM_TUN_ABSENT)
+    const int node = node_of_path(path);
+    if (nodes[node] == KIV_SIM_TUN_ABSENT)
         return fail(ENOENT);
     int ends[2];
     const int socket_flags =
@@ -167,7 +168,8 @@ int open_tun(const char *path, int flags, opened &made) {
     }
     *opening = tap{.next = taps,
                    .far = ends[1],
-                   .refuses = node == KIV_SIM_TUN_FORBIDDEN,
+                   .node = node,
+                   .refuses = nodes[node] == KIV_SIM_TUN_FORBIDDEN,
                    .deleted = false,
                    .seen = {},
                    .name = {},
@@ -198,6 +200,7 @@ bool is_attached(const tap &open) {
     return open.seen.exists != 0;
 }
 
+// Whoever waits while the interface is deleted is told so by the driver's queue, later calls by the driver.
 ssize_t read_tun(int fd, void *state, const iovec *pieces, int count) {
     const auto &from = *static_cast<const tap *>(state);
     {
@@ -206,7 +209,7 @@ ssize_t read_tun(int fd, void *state, const iovec *pieces, int count) {
             return fail(EBADFD);
     }
     const ssize_t done = real().readv(fd, pieces, count);
-    return done == 0 ? fail(EBADFD) : done; // deleted while this was waiting
+    return done == 0 ? fail(EFAULT) : done;
 }
 
 ssize_t write_tun(int, void *state, const iovec *pieces, int count) {
@@ -227,6 +230,15 @@ ssize_t write_tun(int, void *state, const iovec *pieces, int count) {
     }
     frame.release();
     return length >= header_size ? static_cast<ssize_t>(length) : fail(EINVAL);
+}
+
+short correct_revents(void *state, short, short revents) {
+    const guard hold(lock);
+    return static_cast<const tap *>(state)->deleted ? short{POLLERR} : revents;
+}
+
+const char *path_of(void *state) {
+    return paths[static_cast<const tap *>(state)->node];
 }
 
 // Requests ---------------------------------------------------------------------------------------------
@@ -326,7 +338,8 @@ const operations tun_operations = {.ioctl = request_tun,
                                    .bind = nullptr,
                                    .setsockopt = nullptr,
                                    .getsockopt = nullptr,
-                                   .revents = nullptr,
+                                   .revents = correct_revents,
+                                   .node = path_of,
                                    .release = release_tun};
 
 void reset() {
@@ -362,6 +375,7 @@ kiv_sim_tap_state state_of(const char *name) {
 
 extern const device tun_device;
 const device tun_device = {.knows_path = knows_path,
+                           .has_node = has_node,
                            .open = open_tun,
                            .knows_socket = nullptr,
                            .socket = nullptr,

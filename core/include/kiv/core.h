@@ -26,8 +26,9 @@ extern "C" {
 
 /* Logging ------------------------------------------------------------------------------------------- */
 
-/* A log category. Its owner fills the first two words before kiv_log_dyn_add and keeps the record for as
- * long as the process lives; the last word starts at zero and is kiv-core's. */
+/* A log category. Its owner fills the first two words before kiv_log_dyn_add; the last word starts at zero
+ * and is kiv-core's. A core that keeps the record needs it for as long as the process lives; the stand-in
+ * keeps none. */
 typedef struct kiv_log_category {
     int *level;       /* messages of a level up to *level are wanted; 0 silences the category */
     const char *name; /* also the first argument of every message in the category */
@@ -38,14 +39,15 @@ typedef struct kiv_log_category {
  * a record twice changes nothing. */
 KIV_CORE_API int kiv_log_dyn_add(kiv_log_category *category);
 
-/* Writes one message to stderr exactly as the format gives it: no prefix, no colour, no line end of its
- * own, in one piece even when several threads write. The caller has tested the level already. Returns the
- * number of bytes of the message, or -1 when it could not be formatted. */
+/* Writes one message to stderr exactly as the format gives it, with one write: no prefix, no colour, no line
+ * end of its own. Messages of several threads do not mix, but those longer than 4096 bytes, which a pipe
+ * takes in pieces. A reader of stderr that has stopped reading holds up who writes, nobody else. The caller
+ * has tested the level already. Returns the number of bytes of the message, or -1 when it could not be
+ * formatted. */
 KIV_CORE_API int sup_log_msg_nocolor_raw(const char *category, int level, const char *format, ...)
     KIV_CORE_PRINTF(3, 4);
 
-/* Writes one diagnostic line for the operator to stderr, in one piece; it has no category and no level.
- * Returns as sup_log_msg_nocolor_raw does. */
+/* Writes one diagnostic line for the operator to stderr, in the same way; it has no category and no level. */
 KIV_CORE_API int sup_system_diag(const char *format, ...) KIV_CORE_PRINTF(1, 2);
 
 /* Report a condition that did not hold, with its text and its place, and return. */

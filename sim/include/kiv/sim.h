@@ -4,7 +4,17 @@
  * libkiv-sim.so stands between a program and the C library. Linked ahead of the C library or preloaded, it
  * takes over the device names that it knows and passes every other call on untouched. The program under
  * test uses the devices by ordinary system calls; this header is for whoever stands on the other side: a
- * test, a benchmark, a demonstration.
+ * test, a benchmark, a demonstration. With the library preloaded, programs that know nothing of it find the
+ * devices too: stty, tio, picocom, Python's serial module, the i2c-tools. The environment arranges the board
+ * for them:
+ *
+ *   LD_PRELOAD=libkiv-sim.so KIV_SIM_TTY0=echo picocom /dev/ttyKIV0
+ *
+ *   KIV_SIM_FAIL            what fails                                 Faults
+ *   KIV_SIM_TTY0 to 3       who is at the far end of a line            Serial lines
+ *   KIV_SIM_TUN, _TUN_PING  the host behind TAP interfaces             TAP interfaces
+ *   KIV_SIM_WIRES, _SYSFS   wires and directories of pins              GPIO pins
+ *   KIV_SIM_CPUINFO, _FAT   files that stand in                        Processor, FAT attributes
  *
  *   Board                 start afresh
  *   Faults                fail, answer or shorten the n-th call of a kind; count calls
@@ -22,10 +32,18 @@
  * nothing. None of them sets errno, and none of them is counted or made to fail itself.
  *
  * Descriptors: those of simulated devices are real ones, so poll, select and close work by themselves.
- * Copies made with dup, dup2, dup3 and fcntl are the same open device. After fork the child has a copy of
- * the board: its descriptors still reach the parent's queues, but line settings, faults and counts are its
- * own; a vfork child must leave them alone. A program started by exec does not inherit a simulated device. In
- * a signal handler only calls on other descriptors are safe, and those while no fault is armed.
+ * Copies made with dup, dup2, dup3 and fcntl are the same open device. In a signal handler only calls on
+ * other descriptors are safe, and those while no fault is armed.
+ *
+ * Device nodes: stat, access and the like find a character device at the path of /dev/ttyKIV0 to 3,
+ * /dev/i2c-0, /dev/gpio and of a TUN device that the board has taken over. Its owner, rights and numbers are
+ * those of /dev/null. Listing a directory does not show the nodes.
+ *
+ * Processes: each has a board of its own; no two share one. A program that is started by exec, with
+ * LD_PRELOAD still in its environment, finds every device in its initial state; what an i2cset writes is gone
+ * when it ends. A descriptor that it inherits is no device any more: give such a program the path. After fork
+ * the child has a copy of the board: its descriptors still reach the parent's queues, but line settings,
+ * faults and counts are its own; a vfork child must leave them alone.
  */
 #ifndef KIV_SIM_H
 #define KIV_SIM_H
@@ -51,13 +69,25 @@ KIV_SIM_API void kiv_sim_reset(void);
 
 /* Faults -------------------------------------------------------------------------------------------- */
 
+/*
+ * Without a test around the program: KIV_SIM_FAIL="CALL=ERRNO@N,..." in its environment makes calls fail.
+ * CALL is the name of a kind below in small letters, ERRNO a name as EIO or a number, N the first call that
+ * fails, counted from the start of the program; without "@N" it is the first. One call fails; with "@N+" all
+ * from the N-th on: KIV_SIM_FAIL="read=EIO@3,ioctl=ENODEV@1+". Every program that is started with this
+ * variable counts its own calls, those on other files included.
+ *
+ * A variable whose value makes no sense is reported by one line on stderr, and ignored.
+ */
+
 /* Kinds of calls. All spellings of a call are one kind: open64 is an open, openat and the checked variants
- * as well; accept4 is an accept, pipe2 a pipe, dup3 a dup2, clock_nanosleep a nanosleep, and so on. */
+ * as well; accept4 is an accept, pipe2 a pipe, dup3 a dup2, clock_nanosleep a nanosleep, and so on. What
+ * termios.h declares (tcgetattr, isatty and so on) is an ioctl on a device of the board, and not counted
+ * elsewhere. */
 typedef enum kiv_sim_call {
     KIV_SIM_OPEN,
     KIV_SIM_CLOSE,
     KIV_SIM_READ,
-    KIV_SIM_WRITE, /* not on descriptors 0 to 2: they are neither counted nor made to fail */
+    KIV_SIM_WRITE, /* on 0 to 2 only where those are devices of the board; else not counted, never failed */
     KIV_SIM_READV,
     KIV_SIM_WRITEV, /* as KIV_SIM_WRITE */
     KIV_SIM_IOCTL,
@@ -157,22 +187,30 @@ KIV_SIM_API void kiv_sim_wait_calls(kiv_sim_call call, unsigned count);
 /* Serial lines -------------------------------------------------------------------------------------- */
 
 /*
- * Line n is the tty /dev/ttyKIVn. It starts as a real one does: cooked, 9600 baud, echo on; its settings
- * live on when it is closed, until the board is reset. Output leaves at once, however fast the line, unless
- * flow control holds it: while CRTSCTS is on and CTS is low, or while IXON is on and XOFF was received. Held
- * output waits in a queue of a few kilobytes; when that is full, a write blocks (or gives EAGAIN).
+ * Line n is the tty /dev/ttyKIVn. It starts as a real one does: 9600 baud, cooked, echo on; its settings live
+ * on when it is closed, until the board is reset. Output leaves at once, however fast the line, unless flow
+ * control holds it: while CRTSCTS is on and CTS is low. Held output waits in a queue of a few kilobytes; when
+ * that is full, a write blocks (or gives EAGAIN).
  *
- * The discipline follows the settings for ISTRIP, IGNCR, ICRNL, INLCR, IXON, ICANON (a line is delivered
- * whole), ECHO, ONLCR, CREAD, and VMIN 0 with VTIME. Line editing, signal characters and the end-of-file
- * character are not modelled.
+ * Bytes pass as they are. Of the settings, the speed, CRTSCTS, CREAD, HUPCL, and VMIN 0 with VTIME have an
+ * effect. All others are kept and read back, so that programs can ask for them, and do nothing: line editing,
+ * echo, signal characters, line ends, XON and XOFF, character size, parity.
  *
- * The requests of termios and termios2 are answered, drain, flush, the modem lines, FIONREAD and TIOCOUTQ;
- * any other gives ENOTTY. All near ends of a line share one queue, and O_NONBLOCK.
+ * The requests of termios and termios2 are answered, drain, flush, the modem lines, FIONREAD and TIOCOUTQ,
+ * the window size (which is kept), exclusive use (EBUSY for further openings, for root as well); a break and
+ * tcflow are accepted. Any other request gives ENOTTY. The functions of termios.h, isatty and ttyname know
+ * the line. All near ends of a line share one queue, O_NONBLOCK and locks.
  *
- * Without a test at the far end: with KIV_SIM_LINEn=/path in its environment a program that opens the line
- * is connected to the Unix stream socket of that name ('@' first for an abstract one), for example that of
- * `socat UNIX-LISTEN:/path -`. The opening fails with connect's errno when nobody listens there; a peer that
- * goes away is a hang-up. The bytes then pass as they are, unheld, and the byte functions below see nothing.
+ * Without a test at the far end, KIV_SIM_TTYn in the environment of the program that opens the line says who
+ * is there:
+ *
+ *   echo            sends back what comes; what finds the input queue full is lost
+ *   silent          takes all and says nothing
+ *   /path or @name  the Unix stream socket of that name ('@' first for an abstract one), for example that of
+ *                   `socat UNIX-LISTEN:/path -`. The opening fails with connect's errno when nobody listens
+ *                   there; a peer that goes away is a hang-up; output is never held
+ *
+ * The byte functions below are for lines where it says nothing.
  *
  * Every function returns EINVAL for a line that does not exist.
  */
@@ -232,9 +270,9 @@ KIV_SIM_API size_t kiv_sim_line_receive(unsigned line, void *buffer, size_t size
  * leaves when CTS rises. */
 KIV_SIM_API int kiv_sim_line_set_inputs(unsigned line, unsigned inputs);
 
-/* The highest speed of the port's clock, in bits per second; 4000000 at first. A higher one that is asked
- * for becomes this one, and reads back so. A speed given as a number that is a standard one reads back as
- * its B code. */
+/* The highest speed of the port's clock, in bits per second; 4000000 at first. Asking for a higher one gives
+ * 0 and leaves the speed as it was. A speed given as a number that is a standard one reads back as its B
+ * code. */
 KIV_SIM_API int kiv_sim_line_set_max_speed(unsigned line, unsigned speed);
 
 /* The device goes away: poll on its near ends gives POLLERR | POLLHUP, and POLLIN with it when `readable` is
@@ -387,8 +425,8 @@ KIV_SIM_API void kiv_sim_tap_wait(const char *name,
 /* Up (nonzero) or down, as `ip link set` does it. */
 KIV_SIM_API int kiv_sim_tap_set_up(const char *name, int up);
 
-/* The interface goes away under its descriptor, as with `ip link delete`: the descriptor is readable, and
- * every call on it gives EBADFD. */
+/* The interface goes away under its descriptor, as with `ip link delete`: a read that waits gives EFAULT,
+ * every later call EBADFD, poll POLLERR. */
 KIV_SIM_API int kiv_sim_tap_delete(const char *name);
 
 /* The kernel sends these bytes out of the interface, whatever they are. ENETDOWN while it is down; ENOBUFS
@@ -402,9 +440,10 @@ KIV_SIM_API size_t kiv_sim_tap_receive(const char *name, void *buffer, size_t si
 
 /*
  * /dev/i2c-0, with an EEPROM of 256 bytes (a 24C02) and a clock chip (a DS1307) on it. Nobody answers at
- * other addresses. The requests of i2c-dev are answered, apart from SMBus, with the kernel's limits: 42
- * messages of 8192 bytes. The controller does plain messages to seven-bit addresses; other flags give
- * EOPNOTSUPP. The bus is always ready as far as poll can tell.
+ * other addresses. The requests of i2c-dev are answered, with the kernel's limits: 42 messages of 8192 bytes.
+ * The controller does plain messages to seven-bit addresses; other flags give EOPNOTSUPP. SMBus operations
+ * become such messages, as in the kernel: all but those that read a block whose length the chip tells, and
+ * without checksums. The bus is always ready as far as poll can tell.
  *
  * The EEPROM starts with every byte 0xff. It takes up to 8 bytes in one write, which go round within their
  * page, and then leaves its address unanswered for a number of attempts. The clock shows UTC and runs; its
