@@ -26,23 +26,23 @@ constexpr option_row rows[] = {
     {'s', 's', "stop", "1|2", "stop bits (1)"},
     {'f', 'f', "flow", "none|hard", "flow control: hard is RTS/CTS (none)"},
     {'r', 0, "rts", "on|off", "raise or drop RTS"},
-    {'x', 'x', "hex", nullptr, "show bytes as hexadecimal digits"},
-    {'t', 't', "time", nullptr, "show when each line came"},
+    {'x', 'x', "hex", "", "show bytes as hexadecimal digits"},
+    {'t', 't', "time", "", "show when each line came"},
     {'l', 'l', "log", "FILE", "write to a file what is shown"},
     {'S', 0, "silence", "T", "a pause that ends an answer (200ms; serial term: 1s)"},
     {'T', 0, "timeout", "T", "the longest wait: 2s, 500ms"},
     {'c', 0, "capture", "FILE", "write Bluetooth packets to a btsnoop file; A is the host"},
     {'n', 'n', "count", "N", "end after so many"},
     {'B', 'b', "bus", "BUS", "number or device of the bus (0)"},
-    {'F', 'f', "force", nullptr, "use a chip that a kernel driver holds"},
-    {'W', 0, "wide", nullptr, "register addresses have two bytes, the high one first"},
-    {'R', 0, "raw", nullptr, "print the bytes themselves"},
+    {'F', 'f', "force", "", "use a chip that a kernel driver holds"},
+    {'W', 0, "wide", "", "register addresses have two bytes, the high one first"},
+    {'R', 0, "raw", "", "print the bytes themselves"},
     {'P', 0, "page", "N", "write so many bytes at a time, and wait until the chip is ready"},
     {'m', 0, "mode", "N", "which edges, in the device's numbers (1: rising)"},
     {'M', 0, "mac", "ADDR", "hardware address, as 02:00:00:00:00:01"},
     {'w', 'w', "write", "FILE", "write the frames to a pcap file"},
     {'i', 'r', "read", "FILE", "take the frames from a pcap file"},
-    {'u', 0, "up", nullptr, "set the interface up"},
+    {'u', 0, "up", "", "set the interface up"},
     {'a', 0, "bdaddr", "ADDR", "Bluetooth address of this side"},
     {'L', 0, "link", "DEVICE", "the serial device that leads to the other side"},
     {'X', 0, "fail", "CALL=ERRNO@N", "make the N-th system call of a kind fail"},
@@ -52,9 +52,9 @@ constexpr option_row rows[] = {
     {'E', 0, "pin", "NAME=PIN", "a directory of that name in /sys/class/gpio"},
     {'K', 0, "cpuinfo", "FILE", "what is read from /proc/cpuinfo"},
     {'N', 0, "tun", "ADDR", "an Ethernet interface has this IPv4 host behind it"},
-    {'J', 0, "json", nullptr, "print one JSON object a line"},
-    {'v', 'v', "verbose", nullptr, "let the library's log through, on standard error"},
-    {'h', 'h', "help", nullptr, "this text"},
+    {'J', 0, "json", "", "print one JSON object a line"},
+    {'v', 'v', "verbose", "", "let the library's log through, on standard error"},
+    {'h', 'h', "help", "", "this text"},
 };
 
 constexpr int most_rows = 16; // of one verb, with the common ones
@@ -77,7 +77,7 @@ struct option_set {
     }
 
     char *add(const option_row *fresh, char *letter) {
-        const bool takes = fresh->argument != nullptr;
+        const bool takes = fresh->argument[0] != '\0';
         longs[count] = {fresh->name, takes ? required_argument : no_argument, nullptr, 0};
         row[count++] = fresh;
         if (fresh->letter == 0)
@@ -158,16 +158,16 @@ exit_code read_arguments(const verb &what, int argc, char **argv, option_value (
 }
 
 const area *find_area(const char *name) {
-    for (const area *each = areas; each->name != nullptr; ++each)
+    for (const area *each = areas; each->name[0] != '\0'; ++each)
         if (strcmp(each->name, name) == 0)
             return each;
     return nullptr;
 }
 
 const verb *find_verb(const char *area_name, const char *name) {
-    for (const verb *each = verbs; each->area != nullptr; ++each)
+    for (const verb *each = verbs; each->area[0] != '\0'; ++each)
         if (strcmp(each->area, area_name) == 0 &&
-            (each->name == nullptr || (name != nullptr && strcmp(each->name, name) == 0)))
+            (each->name[0] == '\0' || (name != nullptr && strcmp(each->name, name) == 0)))
             return each;
     return nullptr;
 }
@@ -176,8 +176,9 @@ const verb *find_verb(const char *area_name, const char *name) {
 
 namespace {
 
+// Nobody else prints: nothing is locked for it.
 void put(const char *text) {
-    fputs(text, stdout);
+    fputs_unlocked(text, stdout);
 }
 
 // A name, and what it means in a column of its own.
@@ -185,9 +186,9 @@ void put_row(const char *name, size_t width, const char *meaning) {
     put("  ");
     put(name);
     for (size_t used = strlen(name); used < width; ++used)
-        putchar(' ');
+        putchar_unlocked(' ');
     put(meaning);
-    putchar('\n');
+    putchar_unlocked('\n');
 }
 
 void put_option(const option_row &row) {
@@ -198,7 +199,7 @@ void put_option(const option_row &row) {
         letter[1] = row.letter;
         letter[2] = ',';
     }
-    snprintf(name, sizeof name, "%s--%s %s", letter, row.name, row.argument != nullptr ? row.argument : "");
+    snprintf(name, sizeof name, "%s--%s %s", letter, row.name, row.argument);
     put_row(name, 28, row.help);
 }
 
@@ -206,7 +207,7 @@ void put_option(const option_row &row) {
 
 void help() {
     put("usage: kivctl AREA VERB [OPTION...] [ARGUMENT...]\n\nareas:\n");
-    for (const area *each = areas; each->name != nullptr; ++each)
+    for (const area *each = areas; each->name[0] != '\0'; ++each)
         put_row(each->name, 12, each->summary);
     put("\nkivctl AREA -h tells the verbs of an area, kivctl AREA VERB -h the options of a verb.\n"
         "exit status: 0 done, 1 failed, 2 wrong usage, 3 time-out, 4 not available here\n"
@@ -216,7 +217,7 @@ void help() {
 void help(const area &what) {
     printf("usage: kivctl %s VERB [OPTION...] [ARGUMENT...]\n%s\n\nverbs:\n", what.name, what.summary);
     const char *example = nullptr;
-    for (const verb *each = verbs; each->area != nullptr; ++each) {
+    for (const verb *each = verbs; each->area[0] != '\0'; ++each) {
         if (strcmp(each->area, what.name) != 0)
             continue;
         char name[64];
@@ -229,8 +230,7 @@ void help(const area &what) {
 
 void help(const verb &what) {
     printf("usage: kivctl %s%s%s [OPTION...] %s\n%s\n\noptions:\n", what.area,
-           what.name != nullptr ? " " : "", what.name != nullptr ? what.name : "", what.arguments,
-           what.summary);
+           what.name[0] != '\0' ? " " : "", what.name, what.arguments, what.summary);
     for (const char *keys : {what.options, common_options})
         for (; *keys != '\0'; ++keys)
             put_option(*find_option(*keys));
@@ -248,8 +248,8 @@ void put_words_of(const verb &what) {
 }
 
 void put_verbs_of(const char *area_name) {
-    for (const verb *each = verbs; each->area != nullptr; ++each)
-        if (strcmp(each->area, area_name) == 0 && each->name != nullptr)
+    for (const verb *each = verbs; each->area[0] != '\0'; ++each)
+        if (strcmp(each->area, area_name) == 0 && each->name[0] != '\0')
             printf(" %s", each->name);
 }
 
@@ -258,17 +258,17 @@ void put_verbs_of(const char *area_name) {
 exit_code completion_bash(const request &) {
     put("_kivctl() {\n    local word=${COMP_WORDS[COMP_CWORD]} words=\n"
         "    if [[ $COMP_CWORD -eq 1 ]]; then\n        words='");
-    for (const area *each = areas; each->name != nullptr; ++each)
+    for (const area *each = areas; each->name[0] != '\0'; ++each)
         printf("%s ", each->name);
     put("--help --version'\n    else\n        case \"${COMP_WORDS[1]} ${COMP_WORDS[2]}\" in\n");
-    for (const verb *each = verbs; each->area != nullptr; ++each) {
-        printf("        '%s %s'", each->area, each->name != nullptr ? each->name : "'*'");
+    for (const verb *each = verbs; each->area[0] != '\0'; ++each) {
+        printf("        '%s %s'", each->area, each->name[0] != '\0' ? each->name : "'*'");
         put(") words='");
         put_words_of(*each);
         put("' ;;\n");
     }
     put("        esac\n        if [[ $COMP_CWORD -eq 2 ]]; then\n            case ${COMP_WORDS[1]} in\n");
-    for (const area *each = areas; each->name != nullptr; ++each) {
+    for (const area *each = areas; each->name[0] != '\0'; ++each) {
         if (find_verb(each->name, nullptr) != nullptr)
             continue; // it has no verbs
         printf("            %s) words='", each->name);

@@ -7,12 +7,14 @@ namespace kivctl {
 // How the program ends. These are part of its interface.
 enum exit_code : int { done = 0, failed = 1, misused = 2, timed_out = 3, unavailable = 4 };
 
-// The options, by key. A key is the program's own: one letter on the command line may mean two of them.
+// The options, by key. A key is the program's own: one letter on the command line may mean two of them. Short
+// texts are kept in place, here and below: each pointer is one more thing for the loader to do at every
+// start.
 struct option_row {
     char key;
     char letter; // 0: only the long name
-    const char *name;
-    const char *argument; // what help calls it; null: none
+    char name[9];
+    char argument[15]; // what help calls it; empty: none
     const char *help;
 };
 
@@ -38,10 +40,10 @@ struct request {
 };
 
 struct verb {
-    const char *area;
-    const char *name; // null: the area is all that is said
+    char area[11];
+    char name[9];     // empty: the area is all that is said
+    char options[11]; // keys
     const char *arguments;
-    const char *options; // keys
     const char *summary;
     const char *example;
     exit_code (*run)(const request &);
@@ -49,11 +51,11 @@ struct verb {
 };
 
 struct area {
-    const char *name;
+    char name[11];
     const char *summary;
 };
 
-// The grammar. Both end with a null name.
+// The grammar. Both end with an empty name.
 extern const area areas[];
 extern const verb verbs[];
 

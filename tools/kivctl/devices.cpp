@@ -40,17 +40,27 @@ bool is_placeholder(const char *name) {
     return first == '0';
 }
 
-// Only ports of hardware have a driver; consoles and pseudo-terminals have none.
-bool driver_of(const char *name, char (&driver)[NAME_MAX + 1]) {
+// The last name of what a link of a port's folder points to.
+bool read_link(const char *name, const char *link, char (&last)[NAME_MAX + 1]) {
     char path[PATH_MAX];
     char target[PATH_MAX];
-    snprintf(path, sizeof path, "/sys/class/tty/%s/device/driver", name);
+    snprintf(path, sizeof path, "/sys/class/tty/%s/%s", name, link);
     const ssize_t length = readlink(path, target, sizeof target - 1);
     if (length < 0)
         return false;
     target[length] = '\0';
     const char *slash = strrchr(target, '/');
-    snprintf(driver, sizeof driver, "%.255s", slash != nullptr ? slash + 1 : target);
+    snprintf(last, sizeof last, "%.255s", slash != nullptr ? slash + 1 : target);
+    return true;
+}
+
+// Only ports of hardware have a driver; consoles and pseudo-terminals have none. Since Linux 6.5 a UART's own
+// driver is two steps up, behind one named "port".
+bool driver_of(const char *name, char (&driver)[NAME_MAX + 1]) {
+    if (!read_link(name, "device/driver", driver))
+        return false;
+    if (strcmp(driver, "port") == 0)
+        read_link(name, "device/../../driver", driver);
     return true;
 }
 

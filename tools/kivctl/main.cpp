@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include "cli.h"
-#include "kiv/platform.h"
 #include "output.h"
 #include "watch.h"
 
@@ -37,8 +36,6 @@ exit_code run(const verb &what, int argc, char **argv) {
     }
     if (parsed.has('v'))
         let_log_through();
-    else
-        kiv_log_dyn_level_POS = kiv_log_dyn_level_uart_bt = 1; // failures only, whose texts are kept
     return what.run(parsed);
 }
 
@@ -62,7 +59,7 @@ exit_code dispatch(int argc, char **argv) {
         return misuse("no area '%s'", argv[1]);
     const verb *what = find_verb(argv[1], argc > 2 ? argv[2] : nullptr);
     if (what != nullptr)
-        return run(*what, argc - (what->name != nullptr ? 2 : 1), argv + (what->name != nullptr ? 2 : 1));
+        return run(*what, argc - (what->name[0] != '\0' ? 2 : 1), argv + (what->name[0] != '\0' ? 2 : 1));
     if (argc > 2 && is_help(argv[2])) {
         help(*where);
         return done;

@@ -45,8 +45,7 @@ struct line {
     void begin() {
         add("kivctl: ");
         if (command != nullptr)
-            add("%s%s%s: ", command->area, command->name != nullptr ? " " : "",
-                command->name != nullptr ? command->name : "");
+            add("%s%s%s: ", command->area, command->name[0] != '\0' ? " " : "", command->name);
         if (device_name != nullptr)
             add("%s: ", device_name);
     }
@@ -98,7 +97,7 @@ exit_code misuse(const char *format, ...) {
     if (command == nullptr)
         return fail(misused, nullptr, "%s; try kivctl -h", text);
     return fail(misused, nullptr, "%s; try kivctl %s%s%s -h", text, command->area,
-                command->name != nullptr ? " " : "", command->name != nullptr ? command->name : "");
+                command->name[0] != '\0' ? " " : "", command->name);
 }
 
 exit_code code_of(int error) {
@@ -150,18 +149,19 @@ void remember(const char *message) {
     const char *text = failure_in(message);
     if (text == nullptr || __atomic_exchange_n(&claimed, true, __ATOMIC_RELAXED))
         return;
-    snprintf(first_failure, sizeof first_failure, "%s", text);
+    snprintf(first_failure, sizeof first_failure, "%.127s", text);
     first_failure[strcspn(first_failure, "\n")] = '\0';
     __atomic_store_n(&published, true, __ATOMIC_RELEASE);
 }
 
-[[gnu::format(printf, 1, 0)]] int take_report(const char *format, va_list arguments) {
+[[gnu::format(printf, 2, 0)]] int take_report(bool is_failure, const char *format, va_list arguments) {
     const int saved = errno;
     char text[512];
     const int length = vsnprintf(text, sizeof text, format, arguments);
     if (log_wanted && length > 0)
         write_all(STDERR_FILENO, text, strlen(text));
-    remember(text);
+    if (is_failure)
+        remember(text);
     errno = saved;
     return length;
 }
@@ -169,7 +169,7 @@ void remember(const char *message) {
 [[gnu::format(printf, 1, 2)]] void take_check(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    take_report(format, arguments);
+    take_report(false, format, arguments);
     va_end(arguments);
 }
 
@@ -186,10 +186,10 @@ const char *first_report() {
 } // namespace kivctl
 
 // kiv-core's reports: the program's own definitions come first in the search order.
-int sup_log_msg_nocolor_raw(const char *, int, const char *format, ...) {
+int sup_log_msg_nocolor_raw(const char *, int level, const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    const int length = kivctl::take_report(format, arguments);
+    const int length = kivctl::take_report(level == 1, format, arguments);
     va_end(arguments);
     return length;
 }
@@ -197,7 +197,7 @@ int sup_log_msg_nocolor_raw(const char *, int, const char *format, ...) {
 int sup_system_diag(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    const int length = kivctl::take_report(format, arguments);
+    const int length = kivctl::take_report(false, format, arguments);
     va_end(arguments);
     return length;
 }

@@ -60,18 +60,21 @@ exit_code set_line(const char *prefix, const char *text, const option_row &row) 
     return done;
 }
 
-// CALL=ERRNO@N: a name, a name or a number, and the number of the call.
+// CALL=ERRNO, then maybe @N, the number of the call, and +, all from that one on. The board knows the names.
 bool is_fault(const char *text) {
     const char *at = text;
-    for (; islower(*at) != 0 || isdigit(*at) != 0; ++at)
-        ;
+    while (islower(*at) != 0 || isdigit(*at) != 0)
+        ++at;
     if (at == text || *at++ != '=')
         return false;
     const char *error = at;
-    for (; isupper(*at) != 0 || isdigit(*at) != 0; ++at)
-        ;
-    uint32_t number = 0;
-    return at > error && *at == '@' && parse_number(at + 1, INT_MAX, number) && number > 0;
+    while (isupper(*at) != 0 || isdigit(*at) != 0)
+        ++at;
+    uint32_t number = 1;
+    if (at == error || (*at != '@' && *at != '\0') ||
+        (*at == '@' && !parse_number(++at, "+", INT_MAX, number)))
+        return false;
+    return number > 0 && strcmp(at + (*at == '+' ? 1 : 0), "") == 0;
 }
 
 exit_code set_tty(const char *text, const option_row &row) {
