@@ -193,6 +193,15 @@ void warn_of_rate(const UART_infos &port, uint32_t asked) {
         note("warning: asked for %u bit/s, it runs at %u", asked, state.output_rate);
 }
 
+// What is written to a TCP or Unix socket without a peer is dropped. The others wait.
+bool drops_what_is_sent(const UART_infos &port, const char *name) {
+    sockaddr_storage peer_address{};
+    socklen_t size = sizeof peer_address;
+    if (!begins(name, "unix:") && !begins(name, "tcp"))
+        return false;
+    return port.fd < 0 || getpeername(port.fd, reinterpret_cast<sockaddr *>(&peer_address), &size) == -1;
+}
+
 } // namespace
 
 exit_code open_port(UART_infos &port, const char *name, const line_settings &settings, peer wanted) {
@@ -206,7 +215,8 @@ exit_code open_port(UART_infos &port, const char *name, const line_settings &set
     if (status != 0)
         return fail("opening", status < 0 ? -status : status);
     if (!is_tty(port))
-        return wanted == peer::needed && port.fd < 0 ? fail("opening", ECONNREFUSED) : done;
+        return wanted == peer::needed && drops_what_is_sent(port, name) ? fail("opening", ECONNREFUSED)
+                                                                        : done;
     const int refused = set_up_line(port, settings);
     if (refused != 0) {
         sup_uart_close(&port);

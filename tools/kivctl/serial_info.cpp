@@ -82,10 +82,10 @@ void print_json(const char *name, uint32_t asked, const line_state &state) {
 
 UART_infos port;
 
-// Without a rate the line is looked at and left as it is.
+// Without settings the line is looked at and left as it is.
 exit_code open_for_info(const request &from, uint32_t &asked, int &fd) {
     const char *name = from.arguments[0];
-    if (!from.has('b')) {
+    if (!from.has('b') && !from.has('p') && !from.has('s') && !from.has('f') && !from.has('r')) {
         name_device(name);
         fd = open(name, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
         return fd != -1 ? done : fail("opening", errno);

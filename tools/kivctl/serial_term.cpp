@@ -152,11 +152,12 @@ size_t take_commands(session &talk, char *keys, size_t count) {
     size_t kept = 0;
     for (size_t i = 0; i < count && !talk.leaving; ++i) {
         const char key = keys[i];
-        const bool is_command = talk.after_command_key && key != command_key;
-        if (is_command)
+        if (talk.after_command_key && key != command_key) {
             do_command(talk, key);
-        else if (key != command_key || talk.after_command_key)
+        } else if (key != command_key || talk.after_command_key) {
             keys[kept++] = key;
+            ++talk.out;
+        }
         talk.after_command_key = key == command_key && !talk.after_command_key;
     }
     return kept;
@@ -189,7 +190,6 @@ exit_code take_input(session &talk, bool terminal, bool &ended) {
     }
     const size_t kept =
         terminal ? take_commands(talk, data, static_cast<size_t>(count)) : static_cast<size_t>(count);
-    talk.out += kept;
     return pass_on(terminal, data, kept);
 }
 

@@ -46,17 +46,18 @@ void append(const char *variable, const char *value, char separator) {
         setenv(variable, joined, 1);
 }
 
-// N=VALUE, for the variable whose name ends in N.
-exit_code set_line(const char *prefix, const char *text, const option_row &row) {
+// N=WHAT: nothing, an echo, or a socket.
+exit_code set_tty(const char *text, const option_row &row) {
     constexpr uint32_t last_line = 3;
     uint32_t line = 0;
     const char *at = text;
-    if (!parse_number(at, "=", last_line, line) || at[0] != '=' || at[1] == '\0')
+    const bool numbered = parse_number(at, "=", last_line, line) && *at++ == '=';
+    if (!numbered || (strcmp(at, "echo") != 0 && strcmp(at, "silent") != 0 && *at != '/' && *at != '@'))
         return misuse("--%s takes %s, with N from 0 to %u, and not '%s'", row.name, row.argument, last_line,
                       text);
     char variable[32];
-    snprintf(variable, sizeof variable, "%s%u", prefix, line);
-    setenv(variable, at + 1, 1);
+    snprintf(variable, sizeof variable, "KIV_SIM_TTY%u", line);
+    setenv(variable, at, 1);
     return done;
 }
 
@@ -77,13 +78,6 @@ bool is_fault(const char *text) {
     return number > 0 && strcmp(at + (*at == '+' ? 1 : 0), "") == 0;
 }
 
-exit_code set_tty(const char *text, const option_row &row) {
-    const char *what = strchr(text, '=');
-    if (what == nullptr || (strcmp(what, "=echo") != 0 && strcmp(what, "=silent") != 0))
-        return misuse("--%s takes %s and not '%s'", row.name, row.argument, text);
-    return set_line("KIV_SIM_TTY", text, row);
-}
-
 exit_code pass_option(const option_value &given) {
     const option_row &row = *find_option(given.key);
     switch (given.key) {
@@ -95,8 +89,6 @@ exit_code pass_option(const option_value &given) {
         return done;
     case 'Y':
         return set_tty(given.text, row);
-    case 'Z':
-        return set_line("KIV_SIM_LINE", given.text, row);
     case 'G':
         append("KIV_SIM_WIRES", given.text, ' ');
         return done;
