@@ -7,6 +7,7 @@
  */
 #define _GNU_SOURCE
 #include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -28,6 +29,9 @@ static int is_awaited(const kiv_sim_pin_state *state, void *context) {
 
 static void *make_edges(void *pin) {
     const unsigned number = (unsigned)atoi(pin);
+    sigset_t all; /* signals are for the program */
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, NULL);
     for (;;) {
         kiv_sim_pin_wait(number, is_awaited, NULL);
         kiv_sim_pin_drive(number, 1);
