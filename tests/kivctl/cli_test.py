@@ -72,6 +72,9 @@ def look_at_help():
         for verb in verbs:
             text = run(f"{area} {verb} --help", out=".*usage: kivctl.*--json.*example: .*\n")
             check(max(map(len, text.split("\n"))) <= 110, text)
+            example = re.search("example: kivctl (.*?)( [<>].*)?\n", text)
+            if example and area != "sim":  # it has no wrong option
+                run(example[1] + " -h", out=re.escape(text))
 
 
 def look_at_output():

@@ -19,5 +19,12 @@ run(f"sim --cpuinfo {FOLDER}/cpuinfo -- {K} product", out="name      Bench\n.*")
 # The program's own options, status and signals are its own.
 run("sim sh -c 'exit 7' --help", 7, "", "")
 run("sim -- sh -c 'kill -PIPE $$'", -signal.SIGPIPE, "", "")
+# What the manual shows is what happens.
+manual = Path(__file__).parents[2] / "docs/man/kivctl.1.scd"
+shown = re.search(r"```\n(\$ kivctl sim .*?)```", manual.read_text(), re.S)[1]
+for command, wanted in re.findall(r"^\$ (.*)\n((?:[^$].*\n)*)", shown, re.M):
+    said = subprocess.run(["sh", "-c", f"kivctl() {{ {K} \"$@\"; }}; {command.replace('-- kivctl', '-- ' + K)}"],
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=LIMIT).stdout
+    check(said == wanted, command, "says", said)
 fails("sim -- /nowhere/program", 4, "running it: No such file or directory")
 end()
