@@ -104,6 +104,34 @@ TEST_F(SimI2c, HasTheKernelsLimits) {
     EXPECT_EQ(room[0], 0x77) << "a transfer that failed gives nothing back";
 }
 
+// What the i2c-tools do not ask for; the clock chip has memory from register 8 on.
+TEST_F(SimI2c, MakesMessagesOfSmbusOperations) {
+    ASSERT_EQ(::ioctl(fd_, I2C_SLAVE, KIV_SIM_I2C_CLOCK), 0);
+    i2c_smbus_data data = {};
+    const auto ask = [&](char direction, unsigned operation, unsigned command = 8) {
+        i2c_smbus_ioctl_data wanted = {static_cast<std::uint8_t>(direction),
+                                       static_cast<std::uint8_t>(command), operation, &data};
+        return error_of(::ioctl(fd_, I2C_SMBUS, &wanted));
+    };
+    const auto put_block = [&](const Bytes &block) { std::memcpy(data.block, block.data(), block.size()); };
+    put_block({2, 0xaa, 0xbb});
+    EXPECT_EQ(ask(I2C_SMBUS_WRITE, I2C_SMBUS_BLOCK_DATA), 0);
+    put_block({4});
+    EXPECT_EQ(ask(I2C_SMBUS_READ, I2C_SMBUS_I2C_BLOCK_DATA), 0);
+    EXPECT_EQ(Bytes(data.block, data.block + 5), (Bytes{4, 2, 0xaa, 0xbb, 0})) << "behind its length";
+    data.word = 0x1234;
+    EXPECT_EQ(ask(I2C_SMBUS_WRITE, I2C_SMBUS_PROC_CALL, 7), 0);
+    EXPECT_EQ(data.word, 0xbbaa) << "of the registers behind those that were written";
+    EXPECT_EQ(ask(I2C_SMBUS_READ, I2C_SMBUS_I2C_BLOCK_BROKEN), 0);
+    EXPECT_EQ(Bytes(data.block, data.block + 4), (Bytes{32, 0x12, 0xaa, 0xbb}));
+    data.block[0] = 33;
+    EXPECT_EQ(ask(I2C_SMBUS_WRITE, I2C_SMBUS_BLOCK_DATA), EINVAL);
+    EXPECT_EQ(ask(I2C_SMBUS_READ, I2C_SMBUS_I2C_BLOCK_DATA), EINVAL);
+    EXPECT_EQ(ask(I2C_SMBUS_READ, I2C_SMBUS_BLOCK_DATA), EOPNOTSUPP);
+    EXPECT_EQ(ask(2, I2C_SMBUS_BYTE_DATA), EINVAL);
+    EXPECT_EQ(ask(I2C_SMBUS_READ, 9), EINVAL);
+}
+
 // Pins ---------------------------------------------------------------------------------------------------
 
 enum request : unsigned {

@@ -29,6 +29,7 @@ int __ppoll_chk(pollfd *entries, nfds_t count, const timespec *timeout, const si
 }
 
 // termios.h and the kernel's header of that name cannot be included together, and models need the latter.
+// NOLINTBEGIN(readability-redundant-declaration): the shim includes the former
 struct termios;
 extern "C" {
 int tcgetattr(int fd, termios *settings) noexcept;
@@ -38,6 +39,7 @@ int tcflush(int fd, int queue) noexcept;
 int tcflow(int fd, int action) noexcept;
 int tcsendbreak(int fd, int duration) noexcept;
 }
+// NOLINTEND(readability-redundant-declaration)
 
 // 32-bit systems have a second set of names for programs whose time_t has 64 bits.
 #if defined(__TIMESIZE) && __TIMESIZE == 32
@@ -61,6 +63,10 @@ int __setsockopt64(int fd, int level, int option, const void *value, socklen_t l
 int __getsockopt64(int fd, int level, int option, void *value, socklen_t *length) noexcept;
 int __nanosleep64(const timespec64 *wanted, timespec64 *left);
 int __clock_nanosleep_time64(clockid_t clock, int flags, const timespec64 *wanted, timespec64 *left);
+int __stat64_time64(const char *path, stat64_time64 *found);
+int __lstat64_time64(const char *path, stat64_time64 *found);
+int __fstat64_time64(int fd, stat64_time64 *found);
+int __fstatat64_time64(int directory, const char *path, stat64_time64 *found, int flags);
 }
 #    define KIV_SIM_TIME64_CALLS(X)                                                                          \
         X(__ioctl_time64)                                                                                    \

@@ -294,6 +294,8 @@ ssize_t read_tty(int fd, void *state, const iovec *pieces, int count) {
         const guard hold(of.lock);
         if (from.hung)
             return 0;
+        if (from.at_far_end == peer::echo)
+            settle(of); // a stream's buffer was written by the C library itself
         settings = of.port.settings();
         returns_at_once = settings.c_cc[VMIN] == 0;
     }
