@@ -17,13 +17,13 @@ marked = {"KIV_SIM_FAT": f"0x02:{file}"}
 run(["fat", "attr", str(file), "/dev/null"], on=BOARD, env=marked, out=f"h- {file}\n-- /dev/null\n")
 run(["fat", "attr", str(file), "--json"], on=BOARD, env=marked, out=r'\{"file":"%s","hidden":true,"system":false\}' % file + "\n")
 # One that fails does not keep the others from being looked at.
-run(["fat", "attr", "/nowhere", str(file)], 4, f"h- {file}\n", "kivctl: fat attr: /nowhere: .*: No such file or directory\n",
+run(["fat", "attr", "/nowhere", str(file)], 1, f"h- {file}\n", "kivctl: fat attr: /nowhere: .*: No such file or directory\n",
     on=BOARD, env=marked)
 
 
-def diagnose():
-    """What it finds, by what it looks at; each problem but an error text comes with the line that repairs it."""
-    process = start("doctor --json", on=BOARD)
+def diagnose(**more):
+    """What it finds, by what it looks at. Each problem comes with the line that repairs it."""
+    process = start("doctor --json", on=BOARD, **more)
     said, complained = process.communicate(timeout=LIMIT)
     findings = [json.loads(line) for line in said.splitlines()]
     bad = [finding for finding in findings if finding["state"] == "problem"]
@@ -34,7 +34,11 @@ def diagnose():
 
 
 found = diagnose()
-check(found["/dev/ttyKIV0"]["state"] == found["/dev/i2c-0"]["state"] == found["/dev/gpio"]["state"] == "ok", found)
-run("doctor", (1 if any(finding["state"] == "problem" for finding in found.values()) else 0), r"((ok|absent|problem) +\S+: .*\n)+",
-    ".*", on=BOARD)
+check(all(found[name]["state"] == "ok" for name in ("/dev/ttyKIV0", "/dev/i2c-0", "/dev/gpio", "hci0", "hci1")), found)
+found = diagnose(env={"KIV_SIM_FAIL": "ioctl=EOPNOTSUPP@1+"})
+check(found["hci0"]["detail"] == "this kernel refuses raw mode", found)
+found = diagnose(env={"KIV_SIM_FAIL": "socket=EAFNOSUPPORT@1+"})
+check(found["bluetooth"]["state"] == "absent" and "modprobe" in found["bluetooth"]["repair"], found)
+said = start("doctor", on=BOARD).communicate(timeout=LIMIT)[0].decode()
+check(re.fullmatch(r"((ok|absent|problem) +\S+: .*\n(  .*\n)?)+", said), said)
 end()

@@ -34,7 +34,7 @@ def look_at_receiving():
     os.write(line.far, b"kept")
     run(f"serial recv {line.name} -n 4 -l {log}", out="kept")
     check(log.read_bytes() == b"kept", "log")
-    fails(f"serial recv {line.name} -l /nowhere/log", 4, "/nowhere/log")
+    fails(f"serial recv {line.name} -l /nowhere/log", 1, "/nowhere/log")
     for number, arguments, status in ((signal.SIGTERM, "recv", 0), (signal.SIGINT, "recv -n 9", 1)):
         process = start(f"serial {arguments} {line.name}")
         os.write(line.far, b"x")

@@ -283,12 +283,11 @@ exit_code start(const request &from) {
     return done;
 }
 
-exit_code show_progress() {
-    progress counter;
+exit_code wait_for_end() {
     pollfd entries[] = {{stop_descriptor(), POLLIN, 0}, {over, POLLIN, 0}};
     while (poll(entries, 2, 1000) <= 0) {
         pthread_mutex_lock(&lock);
-        counter.show("%u frames out, %u in, %u dropped", counts.out, counts.in, counts.dropped);
+        show_progress("%u frames out, %u in, %u dropped", counts.out, counts.in, counts.dropped);
         pthread_mutex_unlock(&lock);
     }
     return entries[1].revents != 0 ? __atomic_load_n(&ending_code, __ATOMIC_ACQUIRE) : done;
@@ -320,7 +319,7 @@ exit_code bnep_run(const request &from) {
         printf("bnep\n");
     code = flush_output();
     if (code == done)
-        code = show_progress();
+        code = wait_for_end();
     pthread_mutex_lock(&lock);
     if (from.json)
         json_line().number("out", counts.out).number("in", counts.in).number("dropped", counts.dropped);

@@ -60,7 +60,7 @@ void look_at_rights(const char *path) {
         return;
     }
     if (stat(path, &status) == -1) {
-        find(state::problem, path, strerror(errno), nullptr);
+        find(state::problem, path, strerror(errno), "sudo dmesg   # what its driver says");
         return;
     }
     char repair[256];
@@ -158,8 +158,10 @@ struct hci_device_info {
     uint8_t rest[96];
 };
 
+constexpr char capabilities_repair[] = "sudo setcap cap_net_admin,cap_net_raw+ep $(command -v kivctl)";
+
 // Asks for raw mode to be off where it is off: that changes nothing, and a kernel that has no raw mode
-// refuses.
+// refuses. ENODEV: there is no such controller.
 int try_raw_mode(uint16_t device) {
     const int fd = socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, hci_protocol);
     if (fd == -1)
@@ -167,51 +169,50 @@ int try_raw_mode(uint16_t device) {
     const hci_address address = {AF_BLUETOOTH, device, 0};
     hci_device_info info{};
     info.device = device;
-    int error = 0;
     const bool raw = ioctl(fd, hci_get_device_info, &info) == 0 && (info.flags & raw_flag) != 0;
-    if (!raw && (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == -1 ||
-                 ioctl(fd, hci_set_raw, 0UL) == -1))
-        error = errno;
+    const bool allowed = bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
+                         (raw || ioctl(fd, hci_set_raw, 0UL) == 0);
+    const int error = allowed ? 0 : errno;
     close(fd);
     return error;
 }
 
-void look_at_controller(const char *name) {
-    constexpr char repair[] =
-        "use a kernel before 3.x, or the controller's UART itself: kivctl serial term DEVICE";
-    const int error = try_raw_mode(static_cast<uint16_t>(atoi(name + 3)));
+void tell_of_controller(const char *name, int error) {
     if (error == 0)
         find(state::good, name, "raw mode works", nullptr);
     else if (error == EPERM)
-        find(state::problem, name, "raw mode takes CAP_NET_ADMIN and CAP_NET_RAW",
-             "sudo setcap cap_net_admin,cap_net_raw+ep $(command -v kivctl)");
+        find(state::problem, name, "raw mode takes CAP_NET_ADMIN and CAP_NET_RAW", capabilities_repair);
     else if (error == EOPNOTSUPP)
-        find(state::problem, name, "this kernel refuses raw mode", repair);
+        find(state::problem, name, "this kernel refuses raw mode",
+             "use a kernel before 3.x, or the controller's UART itself: kivctl serial term DEVICE");
     else
-        find(state::problem, name, strerror(error), nullptr);
+        find(state::problem, name, strerror(error), "sudo dmesg   # what the driver says");
 }
 
-void look_at_bluetooth(bool any) {
-    const int fd = socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC, hci_protocol);
-    const int error = fd == -1 ? errno : 0;
-    if (fd != -1)
-        close(fd);
-    if (error == EPERM)
-        find(state::problem, "bluetooth", "raw sockets take CAP_NET_RAW",
-             "sudo setcap cap_net_admin,cap_net_raw+ep $(command -v kivctl)");
-    else if (error != 0)
+void look_at_bluetooth() {
+    constexpr uint16_t most_controllers = 16;
+    bool any = false;
+    int error = 0;
+    for (uint16_t device = 0; device < most_controllers; ++device) {
+        char name[16];
+        snprintf(name, sizeof name, "hci%u", device);
+        error = try_raw_mode(device);
+        if (error == EAFNOSUPPORT || error == EPROTONOSUPPORT)
+            break;
+        if (error != ENODEV) {
+            any = true;
+            tell_of_controller(name, error);
+        }
+    }
+    if (error == EAFNOSUPPORT || error == EPROTONOSUPPORT)
         find(state::absent, "bluetooth", "this kernel has no Bluetooth", "sudo modprobe bluetooth");
     else if (!any)
-        find(state::absent, "bluetooth", "there is no controller",
-             "hciconfig -a   # to see what the system knows");
+        find(state::absent, "bluetooth", "there is no controller", nullptr);
 }
 
-void look_at_serial(void *context, const char *name, const char *) {
-    if (name[0] != '/') {
-        *static_cast<bool *>(context) = true;
-        look_at_controller(name);
-        return;
-    }
+void look_at_serial(void *, const char *name, const char *) {
+    if (name[0] != '/')
+        return; // a controller
     look_at_rights(name);
     holder_search search{name, nullptr};
     for_each_entry("/proc", look_at_process, &search);
@@ -221,17 +222,15 @@ void look_at_capabilities() {
     if (has_capability(CAP_NET_ADMIN))
         find(state::good, "CAP_NET_ADMIN", "interfaces can be made", nullptr);
     else
-        find(state::problem, "CAP_NET_ADMIN", "tap and bnep cannot make interfaces",
-             "sudo setcap cap_net_admin,cap_net_raw+ep $(command -v kivctl)");
+        find(state::problem, "CAP_NET_ADMIN", "tap and bnep cannot make interfaces", capabilities_repair);
 }
 
 } // namespace
 
 exit_code doctor(const request &from) {
-    bool any_controller = false;
     as_json = from.json;
-    for_each_serial_device(look_at_serial, &any_controller);
-    look_at_bluetooth(any_controller);
+    for_each_serial_device(look_at_serial, nullptr);
+    look_at_bluetooth();
     look_at_buses();
     look_at_device("/dev/gpio", "load the board's GPIO driver");
     look_at_device("/dev/net/tun", "sudo modprobe tun");

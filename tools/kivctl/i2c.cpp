@@ -283,7 +283,6 @@ exit_code write_piece(chip &with, const uint8_t *bytes, uint32_t size, bool pati
 }
 
 exit_code write_range(chip &with, bool wide, uint32_t offset, uint32_t size, uint32_t page) {
-    progress counter;
     exit_code code = done;
     for (uint32_t at = 0; at < size && code == done;) {
         const uint32_t left = page - (offset + at) % page; // a chip goes round within its page
@@ -294,7 +293,7 @@ exit_code write_range(chip &with, bool wide, uint32_t offset, uint32_t size, uin
         memcpy(piece + start.size, range + at, count);
         code = write_piece(with, piece, start.size + count, at > 0);
         at += count;
-        counter.show("%u of %u bytes", at, size);
+        show_progress("%u of %u bytes", at, size);
     }
     return code;
 }

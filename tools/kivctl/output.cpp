@@ -25,6 +25,7 @@ namespace {
 const verb *command = nullptr;
 const char *device_name = nullptr;
 bool reported = false;
+bool progress_shown = false;
 
 // Gathers a line in memory, so that it leaves in one piece.
 struct line {
@@ -43,11 +44,13 @@ struct line {
         va_end(arguments);
     }
     void begin() {
+        clear_progress();
         add("kivctl: ");
         if (command != nullptr)
             add("%s%s%s: ", command->area, command->name[0] != '\0' ? " " : "", command->name);
-        if (device_name != nullptr)
-            add("%s: ", device_name);
+        const char *device = __atomic_load_n(&device_name, __ATOMIC_ACQUIRE); // the watch speaks for others
+        if (device != nullptr)
+            add("%s: ", device);
     }
     void end() {
         text[length++] = '\n';
@@ -73,7 +76,7 @@ void name_command(const verb &what) {
 }
 
 void name_device(const char *device) {
-    device_name = device;
+    __atomic_store_n(&device_name, device, __ATOMIC_RELEASE);
 }
 
 exit_code fail(exit_code code, const char *operation, const char *format, ...) {
@@ -311,10 +314,9 @@ time_text::time_text() : text{} {
     snprintf(text + length, sizeof text - length, "%s", micro);
 }
 
-progress::progress() : on_terminal_(isatty(STDERR_FILENO) == 1) {}
-
-void progress::show(const char *format, ...) {
-    if (!on_terminal_)
+void show_progress(const char *format, ...) {
+    static const bool on_terminal = isatty(STDERR_FILENO) == 1;
+    if (!on_terminal)
         return;
     line text;
     text.add("\r");
@@ -324,13 +326,12 @@ void progress::show(const char *format, ...) {
     va_end(arguments);
     text.add("\033[K");
     write_all(STDERR_FILENO, text.text, text.length);
-    shown_ = true;
+    __atomic_store_n(&progress_shown, true, __ATOMIC_RELAXED);
 }
 
-void progress::clear() {
-    if (shown_)
+void clear_progress() {
+    if (__atomic_exchange_n(&progress_shown, false, __ATOMIC_RELAXED))
         write_all(STDERR_FILENO, "\r\033[K", 4);
-    shown_ = false;
 }
 
 } // namespace kivctl

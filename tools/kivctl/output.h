@@ -69,23 +69,10 @@ struct time_text {
     time_text(); // 2026-01-31T12:34:56.123456Z
 };
 
-// A line on a terminal that is written over, for what lasts. On anything else it says nothing.
-class progress {
-  public:
-    progress();
-    ~progress() { clear(); }
-    progress(const progress &) = delete;
-    progress &operator=(const progress &) = delete;
-    progress(progress &&) = delete;
-    progress &operator=(progress &&) = delete;
-
-    [[gnu::format(printf, 2, 3)]] void show(const char *format, ...);
-    void clear();
-
-  private:
-    bool shown_ = false;
-    bool on_terminal_;
-};
+// A line on a terminal that is written over, for what lasts. On anything else it says nothing. Every other
+// line takes its place.
+[[gnu::format(printf, 1, 2)]] void show_progress(const char *format, ...);
+void clear_progress();
 
 } // namespace kivctl
 

@@ -34,7 +34,8 @@ exit_code fat_attr(const request &from) {
         name_device(path);
         const int status = kiv_fs_get_fat_attribute(path, &attributes);
         if (status != 0) {
-            result = fail("reading the attributes", status); // the others are looked at all the same
+            result = fail(failed, "reading the attributes", "%s",
+                          strerror(status)); // the others are looked at all the same
             continue;
         }
         const bool hidden = (attributes & KIV_FAT_HIDDEN) != 0;

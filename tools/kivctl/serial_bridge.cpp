@@ -34,24 +34,32 @@ int over = -1; // readable when a direction has ended
 exit_code ending_code = done;
 pthread_mutex_t count_lock = PTHREAD_MUTEX_INITIALIZER;
 
-// One piece, as far as it has come.
+// Names the device and says what is wrong with it, before the other thread names another.
+exit_code fail_at(const char *device, const char *operation, int status) {
+    pthread_mutex_lock(&count_lock);
+    name_device(device);
+    const exit_code code = fail(operation, status);
+    pthread_mutex_unlock(&count_lock);
+    return code;
+}
+
+// One piece, as far as it has come. It is in the capture before anybody can answer it.
 exit_code carry_piece(direction &way) {
     unsigned length = sizeof way.data;
     int status = sup_uart_Read_partial(way.from, way.data, &length);
-    if (status != 0) {
-        name_device(way.from_name);
-        return fail("receiving", status);
-    }
+    if (status != 0)
+        return fail_at(way.from_name, "receiving", status);
+    const exit_code code = capturing ? capture.write(way.bluetooth, way.data, length) : done;
+    if (code != done)
+        return code;
     status = sup_uart_Send(way.to, way.data, length);
-    if (status != 0) {
-        name_device(way.to_name);
-        return fail("sending", status);
-    }
+    if (status != 0)
+        return fail_at(way.to_name, "sending", status);
     pthread_mutex_lock(&count_lock);
     ++way.pieces;
     way.bytes += length;
     pthread_mutex_unlock(&count_lock);
-    return capturing ? capture.write(way.bluetooth, way.data, length) : done;
+    return done;
 }
 
 void *carry(void *argument) {
@@ -116,13 +124,12 @@ void print_counts(bool json, double seconds) {
 }
 
 // Until a signal comes or a direction ends.
-exit_code show_progress() {
-    progress counter;
+exit_code wait_for_end() {
     pollfd entries[] = {{stop_descriptor(), POLLIN, 0}, {over, POLLIN, 0}};
     while (poll(entries, 2, 1000) <= 0) {
         const counts all = take_counts();
-        counter.show("-> %llu bytes  <- %llu bytes", static_cast<unsigned long long>(all.bytes[0]),
-                     static_cast<unsigned long long>(all.bytes[1]));
+        show_progress("-> %llu bytes  <- %llu bytes", static_cast<unsigned long long>(all.bytes[0]),
+                      static_cast<unsigned long long>(all.bytes[1]));
     }
     return entries[1].revents != 0 ? __atomic_load_n(&ending_code, __ATOMIC_ACQUIRE) : done;
 }
@@ -150,7 +157,7 @@ exit_code serial_bridge(const request &from) {
     if (code != done)
         return code;
     const double started = now();
-    code = show_progress();
+    code = wait_for_end();
     print_counts(from.json, now() - started);
     return code;
 }

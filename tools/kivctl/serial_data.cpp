@@ -23,7 +23,6 @@ exit_code send_piece(const void *data, size_t size) {
 }
 
 exit_code send_standard_input() {
-    progress counter;
     uint64_t sent = 0;
     for (;;) {
         const ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer);
@@ -35,7 +34,7 @@ exit_code send_standard_input() {
         if (code != done)
             return code;
         sent += static_cast<uint64_t>(count);
-        counter.show("%llu bytes sent", static_cast<unsigned long long>(sent));
+        show_progress("%llu bytes sent", static_cast<unsigned long long>(sent));
     }
 }
 
@@ -70,6 +69,7 @@ exit_code serial_recv(const request &from) {
     uint64_t limit = 0;
     uint32_t wanted = 0; // 0: whatever comes
     view shown;
+    const bool on_terminal = isatty(STDOUT_FILENO) == 1; // where the data itself is seen
     exit_code code = read_line_settings(from, settings);
     if (code == done)
         code = read_duration(from, 'T', 0, limit);
@@ -91,6 +91,8 @@ exit_code serial_recv(const request &from) {
         clear_limit();
         code = status == 0 ? shown.show(buffer, length) : fail("receiving", status);
         got += length;
+        if (!on_terminal)
+            show_progress("%u bytes received", got);
     }
     return code;
 }

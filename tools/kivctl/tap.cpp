@@ -73,7 +73,8 @@ exit_code take_frame(const request &from, pcap_writer &file, uint32_t number) {
         return fail("reading a frame", -payload);
     const uint32_t size = KIV_ETH_HEADER_SIZE + static_cast<uint32_t>(payload);
     print_frame(from.json, number, size);
-    const exit_code code = file.write(frame, size, nullptr, 0);
+    const exit_code code =
+        file.write(frame, KIV_ETH_HEADER_SIZE, frame + KIV_ETH_HEADER_SIZE, static_cast<size_t>(payload));
     return code == done ? flush_output() : code;
 }
 

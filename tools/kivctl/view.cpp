@@ -15,7 +15,7 @@ exit_code view::open(const request &from) {
     json_ = from.json;
     log_name_ = from.value('l');
     if (log_name_ != nullptr && (log_ = fopen(log_name_, "ae")) == nullptr)
-        return fail(log_name_, errno);
+        return fail(failed, log_name_, "%s", strerror(errno));
     return done;
 }
 
@@ -76,7 +76,7 @@ exit_code view::show(const uint8_t *data, size_t size) {
     else
         put(data, size);
     if (log_ != nullptr && fflush(log_) != 0)
-        return fail(log_name_, errno);
+        return fail(failed, log_name_, "%s", strerror(errno));
     return flush_output();
 }
 

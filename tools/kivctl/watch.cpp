@@ -116,14 +116,16 @@ void clear_limit() {
 }
 
 void at_end(void (*restore)()) {
-    restore_at_end = restore;
+    __atomic_store_n(&restore_at_end, restore, __ATOMIC_RELEASE);
 }
 
 void leave(exit_code code) {
     static pthread_mutex_t once = PTHREAD_MUTEX_INITIALIZER;
     pthread_mutex_lock(&once); // never released: the first thread to leave ends the program
-    if (restore_at_end != nullptr)
-        restore_at_end();
+    void (*restore)() = __atomic_load_n(&restore_at_end, __ATOMIC_ACQUIRE);
+    if (restore != nullptr)
+        restore();
+    clear_progress();
     _exit(code);
 }
 
