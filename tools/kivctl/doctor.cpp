@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <grp.h>
@@ -101,6 +100,7 @@ void look_at_buses() {
 struct holder_search {
     const char *path;
     const char *process;
+    char own[16]; // the number of this process
 };
 
 void look_at_descriptor(void *context, const char *name) {
@@ -130,7 +130,7 @@ void look_at_descriptor(void *context, const char *name) {
 
 void look_at_process(void *context, const char *name) {
     auto &of = *static_cast<holder_search *>(context);
-    if (name[0] < '0' || name[0] > '9' || atoi(name) == getpid())
+    if (name[0] < '0' || name[0] > '9' || strcmp(name, of.own) == 0)
         return;
     char folder[PATH_MAX];
     snprintf(folder, sizeof folder, "/proc/%s/fd", name);
@@ -214,7 +214,8 @@ void look_at_serial(void *, const char *name, const char *) {
     if (name[0] != '/')
         return; // a controller
     look_at_rights(name);
-    holder_search search{name, nullptr};
+    holder_search search{name, nullptr, ""};
+    snprintf(search.own, sizeof search.own, "%d", getpid());
     for_each_entry("/proc", look_at_process, &search);
 }
 

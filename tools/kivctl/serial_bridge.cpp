@@ -43,22 +43,22 @@ exit_code fail_at(const char *device, const char *operation, int status) {
     return code;
 }
 
-// One piece, as far as it has come. It is in the capture before anybody can answer it.
+// One piece, as far as it has come. It is counted and in the capture before anybody can answer it.
 exit_code carry_piece(direction &way) {
     unsigned length = sizeof way.data;
     int status = sup_uart_Read_partial(way.from, way.data, &length);
     if (status != 0)
         return fail_at(way.from_name, "receiving", status);
+    pthread_mutex_lock(&count_lock);
+    ++way.pieces;
+    way.bytes += length;
+    pthread_mutex_unlock(&count_lock);
     const exit_code code = capturing ? capture.write(way.bluetooth, way.data, length) : done;
     if (code != done)
         return code;
     status = sup_uart_Send(way.to, way.data, length);
     if (status != 0)
         return fail_at(way.to_name, "sending", status);
-    pthread_mutex_lock(&count_lock);
-    ++way.pieces;
-    way.bytes += length;
-    pthread_mutex_unlock(&count_lock);
     return done;
 }
 

@@ -50,7 +50,7 @@ exit_code make_interface(const request &from) {
 void print_frame(bool json, uint32_t number, uint32_t size) {
     const unsigned protocol = frame[12] * 256U + frame[13];
     char addresses[2][18];
-    for (int i = 0; i < 2; ++i) {
+    for (size_t i = 0; i < 2; ++i) {
         const uint8_t *at = frame + 6 * i;
         snprintf(addresses[i], sizeof addresses[i], "%02x:%02x:%02x:%02x:%02x:%02x", at[0], at[1], at[2],
                  at[3], at[4], at[5]);
