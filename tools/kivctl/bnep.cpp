@@ -273,14 +273,7 @@ exit_code start(const request &from) {
     if (code == done && from.has('u'))
         code = set_up("bnep");
     name_device(from.value('L'));
-    if (code != done)
-        return code;
-    pthread_t thread{};
-    const int error = pthread_create(&thread, nullptr, carry_inbound, nullptr);
-    if (error != 0)
-        return fail("starting a thread", error);
-    pthread_detach(thread);
-    return done;
+    return code == done ? start_thread(carry_inbound, nullptr) : code;
 }
 
 exit_code wait_for_end() {

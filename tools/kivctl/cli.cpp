@@ -215,14 +215,14 @@ void help() {
 
 void help(const area &what) {
     printf("usage: kivctl %s VERB [OPTION...] [ARGUMENT...]\n%s\n\nverbs:\n", what.name, what.summary);
-    const char *example = nullptr;
+    const char *example = "";
     for (const verb *each = verbs; each->area[0] != '\0'; ++each) {
         if (strcmp(each->area, what.name) != 0)
             continue;
         char name[64];
         snprintf(name, sizeof name, "%s %s", each->name, each->arguments);
         put_row(name, 28, each->summary);
-        example = example != nullptr ? example : each->example;
+        example = *example != '\0' ? example : each->example; // the first one's
     }
     printf("\nexample: %s\n", example);
 }

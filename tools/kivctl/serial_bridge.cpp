@@ -78,14 +78,8 @@ exit_code start_carrying() {
     over = eventfd(0, EFD_CLOEXEC);
     if (over == -1)
         return fail("starting", errno);
-    for (direction &each : directions) {
-        pthread_t thread{};
-        const int error = pthread_create(&thread, nullptr, carry, &each);
-        if (error != 0)
-            return fail("starting a thread", error);
-        pthread_detach(thread);
-    }
-    return done;
+    const exit_code code = start_thread(carry, &directions[0]);
+    return code == done ? start_thread(carry, &directions[1]) : code;
 }
 
 struct counts {

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <initializer_list>
 #include <linux/sockios.h>
 #include <poll.h>
 #include <pthread.h>
@@ -73,14 +72,8 @@ exit_code start_streams() {
         return fail("making a pipe", errno);
     near_end = ends[0];
     far_end = ends[1];
-    for (void *(*entry)(void *) : {carry_in, carry_out}) {
-        pthread_t thread{};
-        const int error = pthread_create(&thread, nullptr, entry, nullptr);
-        if (error != 0)
-            return fail("starting a thread", error);
-        pthread_detach(thread);
-    }
-    return done;
+    const exit_code code = start_thread(carry_in, nullptr);
+    return code == done ? start_thread(carry_out, nullptr) : code;
 }
 
 // Terminal -----------------------------------------------------------------------------------------------

@@ -66,15 +66,6 @@ void *keep_watch(void *) {
     }
 }
 
-bool start_thread() {
-    pthread_t thread{};
-    const int error = pthread_create(&thread, nullptr, keep_watch, nullptr);
-    if (error == 0)
-        pthread_detach(thread);
-    errno = error;
-    return error == 0;
-}
-
 } // namespace
 
 exit_code start_watch(ending by_signal) {
@@ -87,8 +78,17 @@ exit_code start_watch(ending by_signal) {
     signals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
     stop = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (signals == -1 || timer == -1 || stop == -1 || !start_thread())
+    if (signals == -1 || timer == -1 || stop == -1)
         return fail("preparing for signals", errno);
+    return start_thread(keep_watch, nullptr);
+}
+
+exit_code start_thread(void *(*entry)(void *), void *argument) {
+    pthread_t thread{};
+    const int error = pthread_create(&thread, nullptr, entry, argument);
+    if (error != 0)
+        return fail("starting a thread", error);
+    pthread_detach(thread);
     return done;
 }
 

@@ -31,6 +31,9 @@ void clear_limit();
 // Called before the program ends, once, in whatever way that happens.
 void at_end(void (*restore)());
 
+// Starts a thread that nobody waits for: the program ends without asking it.
+exit_code start_thread(void *(*entry)(void *), void *argument);
+
 // Ends the program: other threads may be inside the library, so nothing is taken apart.
 [[noreturn]] void leave(exit_code code);
 
