@@ -109,7 +109,8 @@ def look_at_endings():
 
 
 look_at_bulk()
-look_at_clients()
 look_at_capture()
-look_at_endings()
+if TTYS:
+    look_at_clients()
+    look_at_endings()
 end()

@@ -82,6 +82,8 @@ def look_at_output():
     for how in ("-", "/dev/full"):
         error = "kivctl: standard output: [^\n]*\n"
         run(["-c", f"exec {shlex.join(REAL)} --help >{'&-' if how == '-' else how}"], 1, "", error, on=["sh"])
+    if not TTYS:
+        return
     line = Line()
     run(["-c", f"exec {shlex.join(REAL)} serial recv {line.name} -n 1 >&-"], 1, "",
         "kivctl: serial recv: [^\n]*\n|kivctl: standard output: [^\n]*\n", on=["sh"], preexec_fn=lambda: os.write(line.far, b"x"))

@@ -18,6 +18,7 @@ from pathlib import Path
 
 REAL = shlex.split(os.environ["KIVCTL"])
 BOARD = shlex.split(os.environ["KIVCTL_ON_BOARD"])
+TTYS = "KIVCTL_NO_TTYS" not in os.environ  # a user-mode emulator has no real ones
 LIMIT = 60  # seconds, for anything that is waited for
 TEMPORARY = tempfile.TemporaryDirectory()
 FOLDER = Path(TEMPORARY.name)

@@ -79,21 +79,25 @@ def look_at_bnep():
     for side, (out, into) in zip(sides, ((4, 4), (4, 4))):
         said = json.loads(finish(side, "bnep run"))
         check(said == {"out": out, "in": into, "dropped": 0}, said)
-    # Noise is no packet, and does not hide the next one.
+    fails("bnep run --bdaddr 02:00:00:00:00:01 --link /dev/nowhere", 4, "opening: No such file", on=BOARD, env=HOST)
+    fails(f"bnep run --bdaddr 02:00:00:00:00:01 --link tcp:{free_port()}", 4, "opening /dev/net/tun: No such file", on=BOARD,
+          env={"KIV_SIM_FAIL": "open=ENOENT@1+"})
+
+
+def look_at_noise():
+    """Noise is no packet, and does not hide the next one."""
+    capture = FOLDER / "noise.pcap"
     line = Line()
-    process = start(f"bnep run --bdaddr 02:00:00:00:00:01 --link {line.name} -w {captures[0]}", on=BOARD,
+    process = start(f"bnep run --bdaddr 02:00:00:00:00:01 --link {line.name} -w {capture}", on=BOARD,
                     env={"KIV_SIM_TUN": "10.0.0.1"})
     read_until(process.stdout.fileno(), b"bnep\n")
     os.write(line.far, b"noise\xc0\xff\xc0\x02\x08\x06\xdb\xdc\xdb\xdd\xc0")
-    while process.poll() is None and not read_whole(captures[0]):
+    while process.poll() is None and not read_whole(capture):
         select.select([], [], [], 0.01)
-    check(read_whole(captures[0])[0][12:] == b"\x08\x06\xc0\xdb", "escapes")
+    check(read_whole(capture)[0][12:] == b"\x08\x06\xc0\xdb", "escapes")
     line.hang_up()
     finish(process, "bnep on a line that goes away", 1,
            error="kivctl: bnep run: .*: receiving: .*\nkivctl: bnep run: .* frames out, 1 in, 2 dropped\n")
-    fails("bnep run --bdaddr 02:00:00:00:00:01 --link /dev/nowhere", 4, "opening: No such file", on=BOARD, env=HOST)
-    fails(f"bnep run --bdaddr 02:00:00:00:00:01 --link {Line().name}", 4, "opening /dev/net/tun: No such file", on=BOARD,
-          env={"KIV_SIM_FAIL": "open=ENOENT@2+"})
 
 
 def read_whole(path):
@@ -104,4 +108,6 @@ def read_whole(path):
 look_at_tap()
 look_at_real_interfaces()
 look_at_bnep()
+if TTYS:
+    look_at_noise()
 end()

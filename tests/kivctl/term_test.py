@@ -81,7 +81,8 @@ def look_at_pipes():
     fails("serial term /dev/nowhere", 4, "opening: No such file or directory")
 
 
-look_at_talk()
-look_at_endings()
+if TTYS:
+    look_at_talk()
+    look_at_endings()
 look_at_pipes()
 end()
