@@ -41,9 +41,12 @@ def look_at_receiving():
         read_until(process.stdout.fileno(), b"x")
         process.send_signal(number)
         finish(process, arguments, status, "")
-    process = start(f"serial recv {line.name}")
+    process = start(f"serial recv {line.name}", preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
     os.write(line.far, b"x")
     read_until(process.stdout.fileno(), b"x")
+    process.send_signal(signal.SIGHUP)  # as under nohup
+    os.write(line.far, b"y")
+    read_until(process.stdout.fileno(), b"y")
     line.hang_up()
     finish(process, "recv of a line that goes away", 1, "", "kivctl: serial recv: /dev/pts/[0-9]+: receiving: .*\n")
 

@@ -126,9 +126,9 @@ exit_code gpio_wait(const request &from) {
     uint64_t limit = 0;
     exit_code code = read_pin(from.arguments[0], pin);
     if (code == done)
-        code = read_count(from, 'm', 1, mode);
+        code = read_count(from, 'm', 0, 1, mode);
     if (code == done)
-        code = read_count(from, 'n', 1, wanted);
+        code = read_count(from, 'n', 1, 1, wanted);
     if (code == done)
         code = read_duration(from, 'T', 0, limit);
     if (code == done)
@@ -141,7 +141,7 @@ exit_code gpio_wait(const request &from) {
     if (status != 0)
         return interrupt.fd == -1 ? fail("opening", status) : fail_pin(pin, "interrupt of", strerror(status));
     for (uint32_t count = 1; count <= wanted && code == done; ++count) {
-        if (limit > 0)
+        if (from.has('T'))
             set_limit(limit, timed_out, "waiting");
         status = kiv_gpio_irq_wait(&interrupt);
         clear_limit();

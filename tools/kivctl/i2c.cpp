@@ -328,8 +328,8 @@ exit_code i2c_write(const request &from) {
     uint32_t page = 0;
     exit_code code = read_place(from, with, offset);
     if (code == done)
-        code = read_count(from, 'P', longest_message - 2, page);
-    if (code == done && (page == 0 || page > longest_message - 2))
+        code = read_count(from, 'P', 1, longest_message - 2, page);
+    if (code == done && page > longest_message - 2)
         code = misuse("a page has 1 to %u bytes", longest_message - 2);
     if (code == done)
         code = collect(from, range_of(from) - offset, size);

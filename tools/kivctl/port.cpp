@@ -114,12 +114,12 @@ exit_code read_duration(const request &from, char key, uint64_t otherwise, uint6
     return misuse("--%s takes a time such as 2s or 500ms, and not '%s'", find_option(key)->name, text);
 }
 
-exit_code read_count(const request &from, char key, uint32_t otherwise, uint32_t &value) {
+exit_code read_count(const request &from, char key, uint32_t least, uint32_t otherwise, uint32_t &value) {
     const char *text = from.value(key);
     value = otherwise;
-    if (text == nullptr || parse_number(text, UINT32_MAX, value))
+    if (text == nullptr || (parse_number(text, UINT32_MAX, value) && value >= least))
         return done;
-    return misuse("--%s takes a number and not '%s'", find_option(key)->name, text);
+    return misuse("--%s takes a number from %u on, and not '%s'", find_option(key)->name, least, text);
 }
 
 // Opening ------------------------------------------------------------------------------------------------

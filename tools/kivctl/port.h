@@ -54,9 +54,9 @@ bool is_off(uint32_t asked, uint32_t actual);
 // The text of an argument with its backslashes resolved.
 exit_code read_text(char *argument, size_t &length);
 
-// An option that is a duration, in microseconds; otherwise when it is not given.
+// An option that is a duration, in microseconds, or a number; otherwise when it is not given.
 exit_code read_duration(const request &from, char key, uint64_t otherwise, uint64_t &value);
-exit_code read_count(const request &from, char key, uint32_t otherwise, uint32_t &value);
+exit_code read_count(const request &from, char key, uint32_t least, uint32_t otherwise, uint32_t &value);
 
 } // namespace kivctl
 

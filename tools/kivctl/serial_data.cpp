@@ -54,7 +54,7 @@ exit_code serial_send(const request &from) {
         code = start_watch(ending::is_failure);
     if (code != done)
         return code;
-    if (limit > 0)
+    if (from.has('T'))
         set_limit(limit, timed_out, "sending");
     code = open_port(port, from.arguments[0], settings, peer::needed);
     if (code == done)
@@ -74,7 +74,7 @@ exit_code serial_recv(const request &from) {
     if (code == done)
         code = read_duration(from, 'T', 0, limit);
     if (code == done)
-        code = read_count(from, 'n', 0, wanted);
+        code = read_count(from, 'n', 1, 0, wanted);
     if (code == done)
         code = start_watch(wanted == 0 ? ending::is_done : ending::is_failure);
     if (code == done)
@@ -85,7 +85,7 @@ exit_code serial_recv(const request &from) {
         unsigned length = sizeof buffer;
         if (wanted != 0 && wanted - got < length)
             length = wanted - got;
-        if (limit > 0) // the end of what comes, unless something is missing
+        if (from.has('T')) // the end of what comes, unless something is missing
             set_limit(limit, got == 0 || wanted != 0 ? timed_out : done, "receiving");
         const int status = sup_uart_Read_partial(&port, buffer, &length);
         clear_limit();

@@ -83,7 +83,7 @@ exit_code take_frame(const request &from, pcap_writer &file, uint32_t number) {
 exit_code tap_open(const request &from) {
     uint32_t most = 0;
     pcap_writer file;
-    exit_code code = read_count(from, 'n', 0, most);
+    exit_code code = read_count(from, 'n', 1, 0, most);
     if (code == done)
         code = start_watch(ending::is_told);
     if (code == done)

@@ -71,8 +71,12 @@ void *keep_watch(void *) {
 exit_code start_watch(ending by_signal) {
     sigset_t set;
     sigemptyset(&set);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
-        sigaddset(&set, number);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+        struct sigaction before {};
+        // What was ignored, by nohup for one, stays so: a blocked signal would come all the same.
+        if (sigaction(number, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
+            sigaddset(&set, number);
+    }
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     signal_ending = by_signal;
     signals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
