@@ -97,18 +97,37 @@ TEST_F(Arguments, NullPointersAreRefused) {
         EXPECT_EQ(kiv_sim_calls(call), 0U) << kiv_sim_call_name(call);
 }
 
+// A record that was never opened is refused before anything acts on the descriptor 0 of a cleared one. What
+// it holds besides is used, and survived.
 TEST_F(Arguments, RecordsThatWereNeverOpenedAreSurvived) {
-    constexpr int nobodys = 1000; // the 0 of a cleared record would be the terminal of whoever runs this
+    constexpr int nobodys = 1000;
     const int refusal = error_of(::ioctl(nobodys, get_settings, &byte)); // an emulator knows no such request
-    for (const auto &[function, call, status] : port_calls) {
-        SCOPED_TRACE(function);
-        port_ = {};
-        port_.fd = nobodys;
-        const bool is_request = function == std::string("sup_uart_RTS_Enable");
-        EXPECT_EQ(call(&port_), is_request ? refusal : status);
-        EXPECT_EQ(reports().at(0), std::string(function) == "sup_uart_close"
-                                       ? warned(uart, function) // closing does not look at the magic
-                                       : asserted(uart, function, "UART_infos->magic == 0xc0decafe"));
+    for (const int fd : {0, nobodys}) {
+        for (const auto &[function, call, status] : port_calls) {
+            SCOPED_TRACE(function + std::string(" on ") + std::to_string(fd));
+            const std::string name = function;
+            const bool closes = name == "sup_uart_close";
+            port_ = {};
+            port_.fd = fd;
+            count = 1;
+            const int given = call(&port_);
+            const Reports seen = reports();
+            if (closes) { // does not look at the magic
+                EXPECT_EQ(given, -1);
+                EXPECT_EQ(seen, Reports({warned(uart, function)}));
+                continue;
+            }
+            EXPECT_EQ(seen.at(0), asserted(uart, function, "UART_infos->magic == 0xc0decafe"));
+            if (name.find("Read") != std::string::npos) {
+                EXPECT_EQ(count, 0U) << "nothing was read";
+            }
+            if (fd == 0) {
+                EXPECT_EQ(given, EBADF);
+                EXPECT_EQ(seen.size(), 2U) << "the second is the warning";
+            } else {
+                EXPECT_EQ(given, name == "sup_uart_RTS_Enable" ? refusal : status);
+            }
+        }
     }
 }
 

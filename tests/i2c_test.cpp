@@ -79,6 +79,14 @@ TEST_F(I2cOpening, RefusesBusesAndAddressesThatAreNone) {
     }
 }
 
+TEST_F(I2cOpening, AFailureIsToldByItsOwnErrno) {
+    kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, EBUSY);
+    kiv_sim_fail(KIV_SIM_CLOSE, 1, 1, EIO); // on the way out
+    EXPECT_EQ(kiv_i2c_open(&device_, nullptr, 0x50), EBUSY);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(reports(), traced_and_warned("kiv_i2c_open", text_of_address, EBUSY));
+}
+
 TEST_F(I2cOpening, AFailureToCloseWithoutAnErrorIsNone) {
     ASSERT_EQ(kiv_i2c_open(&device_, nullptr, 0x50), 0);
     kiv_sim_answer(KIV_SIM_CLOSE, 1, 1, -1);

@@ -138,6 +138,19 @@ TEST_P(Reconnect, AFailedReadGoesOnWithTheNextConnection) {
 }
 
 // A demultiplexer's goes on with the next connection; the others are dropped, without a word to the caller.
+// The first attempt after a loss is immediate; from the second in a row without a byte, the reader pauses.
+TEST_P(Reconnect, PeersThatLeaveAtOnceAreNotFollowedInHaste) {
+    Peer peer = connect();
+    const unsigned before = pauses();
+    AsyncCall text([this] { return read_some(); });
+    for (int lost = 0; lost < 4; ++lost) {
+        peer.close();
+        peer = far->next();
+    }
+    expect_read_from(peer, text);
+    EXPECT_EQ(pauses(), before + 3);
+}
+
 TEST_P(Reconnect, AFailedWriteEndsItsConnection) {
     Peer peer = connect();
     for (const int error : {EPIPE, EINTR, EBADF, 0}) {
@@ -401,6 +414,23 @@ TEST_P(Local, TheServiceMayComeLater) {
 class Demultiplexer : public Reconnect {};
 
 INSTANTIATE_TEST_SUITE_P(, Demultiplexer, ::testing::Values(demultiplexer), transport_name);
+
+// What a record that was not prepared holds is somebody else's.
+TEST_P(Demultiplexer, AFailedOpeningReleasesOnlyItsOwn) {
+    for (const kiv_sim_call step : {KIV_SIM_CALLOC, KIV_SIM_SOCKET}) {
+        if (kiv_sim_reaches(step) == 0)
+            continue; // under a sanitizer's allocator
+        const int others = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        port = {};
+        port.fd = others;
+        port.priv = &port;
+        fail(step, ENOMEM);
+        EXPECT_EQ(pos_btgpsdemux_open(&port, "@gps"), ENOMEM);
+        EXPECT_TRUE(port.fd == -1 && port.priv == nullptr);
+        EXPECT_EQ(::close(others), 0);
+        reports();
+    }
+}
 
 // The one failure that reaches the caller; the next call begins another reconnection.
 // The lost number stays the port's meanwhile, for a thread that is late with it.

@@ -42,6 +42,21 @@ TEST_F(SfdTest, OpensWithTheFlagsThatAreAskedFor) {
     EXPECT_EQ(kiv_linux_sclose(other), 0);
 }
 
+// What a program writes to the standard output and error that it has closed must not cancel a read.
+TEST_F(SfdTest, StandardDescriptorsAreLeftAlone) {
+    const int input = ::dup(STDIN_FILENO);
+    ::close(STDIN_FILENO);
+    for (const char *const path : {"/dev/null", "/dev/zero"}) { // the number is free for each in turn
+        kiv_linux_sfd_t *other = kiv_linux_sopen(path, O_RDONLY);
+        ASSERT_NE(other, nullptr);
+        EXPECT_GT(kiv_linux_sfdno(other), STDERR_FILENO);
+        EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1);
+        EXPECT_EQ(kiv_linux_sclose(other), 0);
+    }
+    ::dup2(input, STDIN_FILENO);
+    ::close(input);
+}
+
 TEST_F(SfdTest, EachCancellationEndsOneReadAndDataGoesFirst) {
     EXPECT_EQ(kiv_linux_sclose_cancel(s_), 1);
     EXPECT_EQ(kiv_linux_sclose_cancel(s_), 1);

@@ -1,6 +1,7 @@
 // TCP ports: what is theirs alone. How they get their connections anew is tested with the other transports.
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <thread>
@@ -63,6 +64,30 @@ TEST_F(TcpTest, OtherNamesAreRefused) {
         EXPECT_EQ(port.priv, nullptr);
     }
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_SOCKET), 0U);
+}
+
+TEST_F(TcpTest, WhatAnUnclearedRecordHeldIsNobodysState) {
+    const int others = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    std::memset(static_cast<void *>(&port), 0xA5, sizeof port);
+    port.fd = others;
+    port.priv = &port;
+    port.status_cb = {};
+    ASSERT_EQ(sup_uart_Opened(&port, pos_open_tcp(&port, "tcp:", 0)), 0);
+    expect_served_by(join());
+    close();
+    EXPECT_EQ(::close(others), 0);
+}
+
+// A process that has no descriptor for a client: the port neither spins nor fills the log.
+TEST_F(TcpTest, AClientThatCannotBeAcceptedIsTriedAtIntervals) {
+    open();
+    const Peer peer = join();
+    EXPECT_TRUE(peer.send("data"));
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_ACCEPT, 1, 9, EMFILE), 0);
+    const unsigned before = kiv_sim_calls(KIV_SIM_USLEEP);
+    EXPECT_EQ(read_some(), "data");
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_USLEEP), before + 8);
+    EXPECT_EQ(reports(), times(9, trace(tcp, "pos_tcp_accept", text_of_accept, EMFILE)));
 }
 
 TEST_F(TcpTest, WaitingOpeningReturnsWithTheFirstClient) {

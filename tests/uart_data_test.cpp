@@ -1,8 +1,10 @@
 // Reading and writing: the loops over a transport's slots, by script, and the tty behind them.
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <numeric>
@@ -158,6 +160,48 @@ TEST_F(UartData, SendsFollowWhatTheDeviceTakes) {
     EXPECT_EQ(sup_uart_Sendv(&port_, full, 3, &length_), 0);
     EXPECT_EQ(length_, 3U);
     EXPECT_EQ(reports(), Reports({asserted(uart, "sup_uart_Sendv", "ret == len")}));
+    close();
+}
+
+// Results that no slot should give: bytes that never came are no success, and nothing is stored elsewhere.
+TEST_F(UartData, ResultsThatAreNoCountsAreFailures) {
+    static int result;
+    open();
+    port_.read = [](UART_infos *, void *, unsigned int) { return errno = 0, result; };
+    port_.write = [](UART_infos *, const void *, unsigned int) { return errno = 0, result; };
+    port_.writev = [](UART_infos *, const iovec *, int) { return errno = 0, result; };
+    for (const int each : {-1, -2, INT_MIN}) {
+        result = each;
+        for (const Reading *reading : {&whole, &partial, &waiting}) {
+            EXPECT_EQ(reading->read(&port_, buffer_, &(length_ = 9)), EIO) << reading->name << each;
+            EXPECT_EQ(reports(), Reports({warned(uart, reading->name)}));
+        }
+        EXPECT_EQ(sup_uart_Send(&port_, buffer_, 9), EIO) << each;
+        EXPECT_EQ(reports(), Reports({warned(uart, "sup_uart_Send")}));
+    }
+    // A total that looks like a failure's result, on hosts whose sizes hold more than that.
+    result = -1;
+    const iovec huge = {buffer_, 0xFFFFFFFF};
+    EXPECT_EQ(sup_uart_Sendv(&port_, &huge, 1, &length_), EIO);
+    EXPECT_EQ(reports(),
+              Reports({asserted(uart, "sup_uart_Sendv", "ret == len"), warned(uart, "sup_uart_Sendv")}));
+    close();
+}
+
+TEST_F(UartData, APieceMayBeLongerThanASlotCanBeTold) {
+    if (sizeof(std::size_t) == sizeof(unsigned int))
+        GTEST_SKIP() << "no piece is longer on this host";
+    static std::uint64_t taken;
+    taken = 0;
+    open();
+    port_.write = [](UART_infos *, const void *, unsigned int length) {
+        taken += std::min(length, 1U << 30);
+        return static_cast<int>(std::min(length, 1U << 30));
+    };
+    const iovec piece = {buffer_, static_cast<std::size_t>(5ULL << 30)}; // no byte of it is looked at
+    EXPECT_EQ(sup_uart_Sendv(&port_, &piece, 1, &length_), 0);
+    EXPECT_EQ(taken, 5ULL << 30);
+    EXPECT_EQ(sup_uart_Sendv(&port_, nullptr, -1, &length_), 0); // and none is no piece
     close();
 }
 

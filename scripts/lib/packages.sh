@@ -3,7 +3,7 @@
 
 # What each purpose needs: "a command or a file that shows it is there:the Debian package that brings it".
 KIV_FOR_BUILD='cmake:cmake ninja:ninja-build g++:g++ gcc:gcc pkg-config:pkg-config'
-KIV_FOR_TESTS='python3:python3 /usr/include/gtest/gtest.h:libgtest-dev socat:socat tio:tio picocom:picocom
+KIV_FOR_TESTS='python3:python3 valgrind:valgrind /usr/include/gtest/gtest.h:libgtest-dev socat:socat tio:tio picocom:picocom
     /usr/sbin/i2cdetect:i2c-tools /usr/lib/python3/dist-packages/serial:python3-serial'
 KIV_FOR_DEMO='socat:socat strace:strace ip:iproute2 ping:iputils-ping'
 KIV_FOR_ARM='arm-linux-gnueabi-g++:g++-arm-linux-gnueabi qemu-arm-static:qemu-user-static

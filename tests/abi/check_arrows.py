@@ -16,6 +16,7 @@ ROOMS = (
     ("drivers/src/", ("drivers/src/", PUBLIC, CORE)),
     ("core/", ("core/",)),
     ("sim/", ("sim/",)),
+    ("tools/", ("tools/", PUBLIC, CORE)),
     ("examples/", ("examples/", PUBLIC, SIM)),
     ("bench/", ("bench/", PUBLIC, CORE, SIM)),
     ("fuzz/", ("",)),

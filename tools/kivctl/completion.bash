@@ -1,0 +1,2 @@
+# The tool knows its own words.
+eval "$(kivctl completion bash)"

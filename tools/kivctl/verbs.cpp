@@ -1,0 +1,71 @@
+// The grammar, in one place. What is here is kept: scripts depend on it.
+
+#include "areas.h"
+
+namespace kivctl {
+
+const area areas[] = {
+    {"serial", "serial ports: ttys, TCP, Unix sockets, Bluetooth controllers, GPS demultiplexer"},
+    {"i2c", "chips on an I2C bus"},
+    {"gpio", "pins and their interrupts"},
+    {"tap", "Ethernet interfaces whose frames pass through this program"},
+    {"bnep", "the Bluetooth network interface, over a serial link"},
+    {"product", "what this board is"},
+    {"fat", "attributes of files on FAT file systems"},
+    {"doctor", "what is missing here, and how to repair it"},
+    {"sim", "run a program over the simulated board"},
+    {"completion", "completion for the shell"},
+    {"", nullptr},
+};
+
+const verb verbs[] = {
+    {"serial", "term", "bpsfrxtlS", "DEVICE", "talk to a device from this terminal, or send standard input",
+     "kivctl serial term /dev/ttyUSB0 -b 9600", serial_term, 1, 1},
+    {"serial", "bridge", "bpsfrc", "A B", "carry bytes both ways between two devices",
+     "kivctl serial bridge /dev/ttyS1 tcp:5000", serial_bridge, 2, 2},
+    {"serial", "send", "bpsfrT", "DEVICE [TEXT]", "send a text, or standard input",
+     "kivctl serial send /dev/ttyS1 'hello\\r\\n'", serial_send, 1, 2},
+    {"serial", "recv", "bpsfrnTxtl", "DEVICE", "write what a device sends to standard output",
+     "kivctl serial recv tcp:5000 --timeout 10s > received", serial_recv, 1, 1},
+    {"serial", "ask", "bpsfrTS", "DEVICE TEXT", "send a text and print the answer",
+     "kivctl serial ask /dev/ttyUSB0 'ATI\\r' --timeout 2s", serial_ask, 2, 2},
+    {"serial", "list", "", "", "the serial devices of this system", "kivctl serial list", serial_list, 0, 0},
+    {"serial", "info", "bpsfr", "DEVICE", "the settings of a tty; with options, what becomes of them",
+     "kivctl serial info /dev/ttyAMA0 -b 3000000", serial_info, 1, 1},
+    {"i2c", "transfer", "BF", "MESSAGE...", "messages in one transfer: rN[@ADDR], wN[@ADDR] BYTE...",
+     "kivctl i2c transfer -b 0 w2@0x50 0 0x10 r8", i2c_transfer, 1, 1 << 20},
+    {"i2c", "read", "BFWR", "ADDR OFFSET LENGTH", "read a range of a chip",
+     "kivctl i2c read 0x50 0 256 --raw > eeprom", i2c_read, 3, 3},
+    {"i2c", "write", "BFWP", "ADDR OFFSET [BYTE...]", "write bytes, or standard input, to a range of a chip",
+     "kivctl i2c write 0x50 0 --page 8 < eeprom", i2c_write, 2, 1 << 20},
+    {"i2c", "get", "BFW", "ADDR REGISTER", "read one register", "kivctl i2c get 0x68 0", i2c_get, 2, 2},
+    {"i2c", "set", "BFW", "ADDR REGISTER VALUE", "write one register", "kivctl i2c set 0x68 0x07 0x10",
+     i2c_set, 3, 3},
+    {"i2c", "dump", "BF", "ADDR", "the registers 0x00 to 0xff of a chip", "kivctl i2c dump 0x50", i2c_dump, 1,
+     1},
+    {"i2c", "detect", "B", "", "which addresses answer", "kivctl i2c detect -b 1", i2c_detect, 0, 0},
+    {"gpio", "get", "", "PIN...", "the levels of pins", "kivctl gpio get 3 4", gpio_get, 1, 1 << 20},
+    {"gpio", "set", "", "PIN=0|1...", "drive outputs", "kivctl gpio set 3=1 5=0", gpio_set, 1, 1 << 20},
+    {"gpio", "config", "", "PIN in|low|high", "make a pin an input, or an output with its first level",
+     "kivctl gpio config 3 low", gpio_config, 2, 2},
+    {"gpio", "wait", "mnT", "PIN", "wait for interrupts of a pin", "kivctl gpio wait 4 -n 3 --timeout 10s",
+     gpio_wait, 1, 1},
+    {"tap", "open", "Mwnu", "NAME", "make an interface and show what the system sends out of it",
+     "kivctl tap open tap%d --mac 02:00:00:00:00:01 -w frames.pcap", tap_open, 1, 1},
+    {"tap", "send", "Miu", "NAME [FRAME...]", "give the system frames, in hexadecimal digits or from a file",
+     "kivctl tap send tap0 --mac 02:00:00:00:00:01 --up -r frames.pcap", tap_send, 1, 1 << 20},
+    {"bnep", "run", "aLbfwu", "", "carry the frames of the interface \"bnep\" over a serial link",
+     "kivctl bnep run --bdaddr 00:11:22:33:44:55 --link tcp:5000", bnep_run, 0, 0},
+    {"product", "", "", "", "the name and the revision of this board", "kivctl product", product, 0, 0},
+    {"fat", "attr", "", "FILE...", "whether files are hidden or system files", "kivctl fat attr /mnt/usb/*",
+     fat_attr, 1, 1 << 20},
+    {"doctor", "", "", "", "devices, rights, capabilities, holders of ports, raw Bluetooth", "kivctl doctor",
+     doctor, 0, 0},
+    {"sim", "", "XYGEKN", "-- COMMAND...", "run a program over the simulated board",
+     "kivctl sim --tty 0=echo -- kivctl serial ask /dev/ttyKIV0 hello", sim, 1, 1 << 20},
+    {"completion", "bash", "", "", "the completion for bash", "eval \"$(kivctl completion bash)\"",
+     completion_bash, 0, 0},
+    {"", "", "", nullptr, nullptr, nullptr, nullptr, 0, 0},
+};
+
+} // namespace kivctl
