@@ -6,13 +6,22 @@ import struct
 from kivctl import *
 
 
+def sockets_of(process):
+    """How many sockets a process has open."""
+    folder = Path(f"/proc/{process.pid}/fd")
+    return sum(os.readlink(link).startswith("socket:") for link in folder.iterdir())
+
+
 def bridge(arguments, count):
-    """Starts a bridge on TCP ports, and a client of each: others are tried while somebody has one of them."""
+    """Starts a bridge on TCP ports, and a client of each: others are tried while somebody has one of them. What
+    comes for a client that has not been accepted yet would be dropped."""
     for _ in range(20):
         ports = [free_port() for _ in range(count)]
         process = start("serial bridge --json " + arguments.format(*ports))
         clients = [connect(port, process) for port in ports]
         if all(clients):
+            while sockets_of(process) < 2 * count:
+                select.select([], [], [], 0.01)
             return process, ports, clients
     raise RuntimeError("no ports")
 
