@@ -89,7 +89,7 @@ Reports failed_write(int error) {
 
 Reports failed_sendv(int error) {
     const std::string text = "ret = UART_infos->writev(UART_infos, iov, iovcnt)";
-    const Reports traced = {trace(uart, "sup_uart_Sendv", text, error)};
+    Reports traced = {trace(uart, "sup_uart_Sendv", text, error)};
     if (error == EINTR) // made again
         return traced;
     return {traced[0], asserted(uart, "sup_uart_Sendv", "ret == len"), warned(uart, "sup_uart_Sendv")};

@@ -127,10 +127,11 @@ void forget_packet() {
 // Sends the packet when it is complete. A signal must not reach the caller, who would repeat only the bytes
 // of this call: they would be taken for the start of the next packet.
 int finish_call(const UART_infos &port, unsigned int taken) {
-    packet_assembler &packet = bt_packet;
-    if (packet.count != static_cast<uint32_t>(packet.len))
+    const auto length = static_cast<size_t>(bt_packet.len);
+    if (bt_packet.count != length)
         return static_cast<int>(taken);
-    const ssize_t ret = kiv::retry([&] { return ::write(port.fd, packet.data, packet.count); });
+    const int fd = port.fd;
+    const ssize_t ret = kiv::retry([=] { return ::write(fd, bt_packet.data, length); });
     forget_packet();
     return ret == -1 ? -1 : static_cast<int>(taken);
 }

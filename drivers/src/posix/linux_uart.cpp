@@ -500,6 +500,7 @@ int change_line(UART_infos *port, change_slot slot, settings_edit *edit, unsigne
     const int refusal = check_record(port, function, __LINE__);
     if (refusal != 0)
         return refusal;
+    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a null record has been refused
     if (port->*slot != nullptr)
         return (port->*slot)(port, value);
     if (is_stream(*port))
