@@ -127,11 +127,11 @@ void forget_packet() {
 // Sends the packet when it is complete. A signal must not reach the caller, who would repeat only the bytes
 // of this call: they would be taken for the start of the next packet.
 int finish_call(const UART_infos &port, unsigned int taken) {
-    const auto length = static_cast<size_t>(bt_packet.len);
-    if (bt_packet.count != length)
+    packet_assembler &packet = bt_packet;
+    if (packet.count != static_cast<uint32_t>(packet.len))
         return static_cast<int>(taken);
     const int fd = port.fd;
-    const ssize_t ret = kiv::retry([=] { return ::write(fd, bt_packet.data, length); });
+    const ssize_t ret = kiv::retry([=, &packet] { return ::write(fd, packet.data, packet.count); });
     forget_packet();
     return ret == -1 ? -1 : static_cast<int>(taken);
 }
@@ -158,7 +158,7 @@ int take_header(const UART_infos &port, uint8_t byte) {
     packet.data[packet.count] = byte;
     packet.count += 1;
     const bool is_acl = packet.type == acl_data;
-    if (packet.count < (is_acl ? acl_header : short_header))
+    if (packet.count < short_header || (is_acl && packet.count < acl_header))
         return 1;
     packet.len = static_cast<int32_t>(packet.count + packet.data[length_at]);
     if (is_acl)
