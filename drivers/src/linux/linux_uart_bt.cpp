@@ -86,7 +86,7 @@ int pos_read_bt(UART_infos *port, void *buffer, unsigned int length) {
     packet_cache &cache = bt_cache;
     if (cache.head == static_cast<uint32_t>(cache.tail)) {
         cache.head = 0;
-        const ssize_t ret = kiv::retry([=, &cache] { return ::read(port->fd, cache.data, longest_packet); });
+        const ssize_t ret = kiv::retry([=] { return ::read(port->fd, bt_cache.data, longest_packet); });
         cache.tail = static_cast<int32_t>(ret);
         check(ret > 0, KIV_SITE("bt_cache.tail > 0"));
         if (ret <= 0) {
@@ -131,7 +131,7 @@ int finish_call(const UART_infos &port, unsigned int taken) {
     if (packet.count != static_cast<uint32_t>(packet.len))
         return static_cast<int>(taken);
     const int fd = port.fd;
-    const ssize_t ret = kiv::retry([=, &packet] { return ::write(fd, packet.data, packet.count); });
+    const ssize_t ret = kiv::retry([=] { return ::write(fd, bt_packet.data, bt_packet.count); });
     forget_packet();
     return ret == -1 ? -1 : static_cast<int>(taken);
 }
