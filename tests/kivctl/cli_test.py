@@ -87,7 +87,7 @@ def look_at_output():
     if not TTYS:
         return
     line = Line()
-    run(["-c", f"exec {shlex.join(REAL)} serial info {line.name} >&-"], 1, "", "kivctl: standard output: [^\n]*\n", on=["sh"])
+    run(["-c", f"exec {shlex.join(REAL)} serial info {line.name} >&-"], 1, "", "kivctl: serial info: standard output: [^\n]*\n", on=["sh"])
     check(not select.select([line.far], [], [], 0)[0], "the device got what was to be printed")
 
 
