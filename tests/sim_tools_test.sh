@@ -53,8 +53,9 @@ END
 /dev/gpio
 9600
 END
+    KIV_SIM_FAIL=ioctl=ENODEV expect 1 stty -F /dev/ttyKIV0 <<<'stty: /dev/ttyKIV0: No such device'
     KIV_SIM_TTY0=ecko expect 0 stty -F /dev/ttyKIV0 speed <<'END'
-kiv-sim: KIV_SIM_TTY0=ecko is ignored; it takes echo, silent, /path or @name
+kiv-sim: KIV_SIM_TTY0: "ecko" is ignored; it takes echo, silent, /path or @name
 9600
 END
     ;;
@@ -124,11 +125,11 @@ i2cget)
     expect 0 i2cget -y 0 0x50 0x10 <<<0xff
     expect 0 i2cget -y 0 0x68 0x08 w <<<0x0000
     expect 2 i2cget -y 0 0x51 <<<'Error: Read failed'
-    KIV_SIM_FAIL=read=EIO,ioctl=EBUSY@2 expect 1 i2cget -y 0 0x50 <<'END'
+    KIV_SIM_FAIL=fopen=EIO,ioctl=16@2+ expect 1 i2cget -y 0 0x50 <<'END'
 Error: Could not set address to 0x50: Device or resource busy
 END
     KIV_SIM_FAIL=ioctl=EBUSY@2,ioctl=5@0 expect 0 i2cget -y 0 0x50 0 <<'END'
-kiv-sim: KIV_SIM_FAIL=ioctl=EBUSY@2,ioctl=5@0 is ignored; it takes CALL=ERRNO[@N[+]],... with the calls of kiv/sim.h, as read=EIO@3
+kiv-sim: KIV_SIM_FAIL: "ioctl=EBUSY@2,ioctl=5@0" is ignored; it takes CALL=ERRNO[@N[+]],... with the calls of kiv/sim.h, as read=EIO@3
 0xff
 END
     ;;

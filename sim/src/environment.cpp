@@ -14,8 +14,8 @@ namespace kiv::sim {
 void complain(const char *variable, const char *value, const char *expected) {
     const errno_keeper keeper;
     char line[512];
-    const int length = ::snprintf(line, sizeof line, "kiv-sim: %s=%.300s is ignored; it takes %s\n", variable,
-                                  value, expected);
+    const int length = ::snprintf(line, sizeof line, "kiv-sim: %s: \"%.300s\" is ignored; it takes %s\n",
+                                  variable, value, expected);
     real().write(STDERR_FILENO, line, static_cast<std::size_t>(length));
 }
 

@@ -5,7 +5,7 @@
 
 namespace kiv::sim {
 
-// One line on stderr: the variable's value is ignored, and what it should have been.
+// One line on stderr: the variable's value, or what is left of it, is ignored, and what it should have been.
 void complain(const char *variable, const char *value, const char *expected);
 
 } // namespace kiv::sim

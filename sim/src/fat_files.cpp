@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include "device.h"
+#include "environment.h"
 #include "kiv/sim.h"
 #include "real.h"
 #include "waiting.h"
@@ -36,7 +37,10 @@ bool find_in_environment(const struct stat64 &file, std::uint32_t &attributes) {
     char *end = nullptr;
     const unsigned long number = ::strtoul(setting, &end, 0);
     attributes = static_cast<std::uint32_t>(number);
-    return end != setting && *end == ':' && is_file_at(file, end + 1);
+    const bool has_form = end != setting && *end == ':';
+    if (!has_form && *setting != '\0')
+        complain("KIV_SIM_FAT", setting, "ATTRIBUTES:/path");
+    return has_form && is_file_at(file, end + 1);
 }
 
 bool find(int fd, std::uint32_t &attributes) {

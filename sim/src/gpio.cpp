@@ -13,6 +13,7 @@
 #include <sys/eventfd.h>
 
 #include "device.h"
+#include "environment.h"
 #include "gpio_board.h"
 #include "memory.h"
 #include "real.h"
@@ -202,31 +203,36 @@ int take_pin(const char *&text) {
     return is_pin ? static_cast<int>(number) : -1;
 }
 
-// "3=4 10=11"; what is not of that form ends it.
-void read_wires(const char *text) {
-    while (text != nullptr && *text != '\0') {
-        const int pin = take_pin(text);
-        if (pin < 0 || *text != '=')
-            return;
-        const int other = take_pin(++text);
-        if (other < 0)
-            return;
-        gpio.chip.wire(pin, other);
-        text += ::strspn(text, " ");
-    }
+// "3=4"; moves `text` behind it.
+bool take_wire(const char *&text) {
+    const int pin = take_pin(text);
+    if (pin < 0 || *text != '=')
+        return false;
+    const int other = take_pin(++text);
+    if (other < 0)
+        return false;
+    gpio.chip.wire(pin, other);
+    return true;
 }
 
-// "gpio4=4 led=7"; likewise.
-void read_directories(const char *text) {
+// "led=7"; likewise.
+bool take_directory(const char *&text) {
+    const char *name = text;
+    const std::size_t length = ::strcspn(text, "= ");
+    text += length;
+    if (*text != '=')
+        return false;
+    const int pin = take_pin(++text);
+    return pin >= 0 && export_pin(name, length, pin, true) == 0;
+}
+
+// A list with blanks between its members; a mistake ends it.
+void read_list(const char *variable, bool (*take)(const char *&text), const char *expected) {
+    const char *text = ::getenv(variable);
     while (text != nullptr && *text != '\0') {
-        const char *name = text;
-        const std::size_t length = ::strcspn(text, "= ");
-        text += length;
-        if (*text != '=')
-            return;
-        const int pin = take_pin(++text);
-        if (pin < 0 || export_pin(name, length, pin, true) != 0)
-            return;
+        const char *member = text;
+        if (!take(text) || (*text != ' ' && *text != '\0'))
+            return complain(variable, member, expected);
         text += ::strspn(text, " ");
     }
 }
@@ -248,8 +254,8 @@ void read_gpio_environment() {
     if (gpio.environment_read)
         return;
     gpio.environment_read = true;
-    read_wires(::getenv("KIV_SIM_WIRES"));
-    read_directories(::getenv("KIV_SIM_SYSFS"));
+    read_list("KIV_SIM_WIRES", take_wire, "PIN=PIN ...");
+    read_list("KIV_SIM_SYSFS", take_directory, "NAME=PIN ...");
 }
 
 void announce_pins() {

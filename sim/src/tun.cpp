@@ -22,6 +22,7 @@
 
 #include "byte_queue.h"
 #include "device.h"
+#include "environment.h"
 #include "kiv/sim.h"
 #include "memory.h"
 #include "real.h"
@@ -67,7 +68,11 @@ tap *find(const char *name) {
 std::uint32_t address_in(const char *variable) {
     const char *text = ::getenv(variable);
     in_addr address = {};
-    return text != nullptr && ::inet_pton(AF_INET, text, &address) == 1 ? ntohl(address.s_addr) : 0;
+    if (text == nullptr || *text == '\0')
+        return 0;
+    if (::inet_pton(AF_INET, text, &address) != 1)
+        complain(variable, text, "an address as 10.0.0.1");
+    return ntohl(address.s_addr);
 }
 
 // What the environment says, for whoever has not used the back door. With the lock.

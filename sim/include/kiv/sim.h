@@ -16,6 +16,8 @@
  *   KIV_SIM_WIRES, _SYSFS   wires and directories of pins              GPIO pins
  *   KIV_SIM_CPUINFO, _FAT   files that stand in                        Processor, FAT attributes
  *
+ * A value that makes no sense is ignored, and reported by a line on stderr.
+ *
  *   Board                 start afresh
  *   Faults                fail, answer or shorten the n-th call of a kind; count calls
  *   Serial lines          the far end of /dev/ttyKIV0 to /dev/ttyKIV3
@@ -32,8 +34,9 @@
  * nothing. None of them sets errno, and none of them is counted or made to fail itself.
  *
  * Descriptors: those of simulated devices are real ones, so poll, select and close work by themselves.
- * Copies made with dup, dup2, dup3 and fcntl are the same open device. In a signal handler only calls on
- * other descriptors are safe, and those while no fault is armed.
+ * Copies made with dup, dup2, dup3 and fcntl are the same open device. Streams of the C library go past the
+ * devices: they work on /proc/cpuinfo, and what they write to a serial line leaves with the next call on it.
+ * In a signal handler only calls on other descriptors are safe, and those while no fault is armed.
  *
  * Device nodes: stat, access and the like find a character device at the path of /dev/ttyKIV0 to 3,
  * /dev/i2c-0, /dev/gpio and of a TUN device that the board has taken over. Its owner, rights and numbers are
@@ -75,8 +78,6 @@ KIV_SIM_API void kiv_sim_reset(void);
  * fails, counted from the start of the program; without "@N" it is the first. One call fails; with "@N+" all
  * from the N-th on: KIV_SIM_FAIL="read=EIO@3,ioctl=ENODEV@1+". Every program that is started with this
  * variable counts its own calls, those on other files included.
- *
- * A variable whose value makes no sense is reported by one line on stderr, and ignored.
  */
 
 /* Kinds of calls. All spellings of a call are one kind: open64 is an open, openat and the checked variants
