@@ -65,6 +65,9 @@ def look_at_endings():
     terminal = Terminal("/dev/ttyKIV0 -f hard", on=BOARD, env={"KIVCTL_BOARD": "hold"})
     terminal.type(b"x" * 1000 + b"\x14s")
     terminal.sees(rb"1000 sent")
+    for _ in range(100):
+        terminal.type(b"x" * 4000)  # more than waits anywhere
+    terminal.sees(rb"the line takes nothing: [0-9]+ bytes dropped")
     terminal.type(b"\x14q")
     terminal.ends("a line that takes nothing")
 
