@@ -39,6 +39,7 @@ def look_at_talk():
     terminal.type(b"\x14x")
     terminal.type(b"\x14\x14\x14s")  # one C-t goes out; the counts tell that all of it was seen
     terminal.sees(rb"8 bytes received, 8 sent")
+    check(log.read_bytes() == b"answer\r\n", "log", log.read_bytes())
     check(read_until(line.far, b"\x14") == b"\x14", "C-t C-t")
     os.write(line.far, b"hex")
     terminal.sees(rb"68 65 78 +\|hex\|")
