@@ -114,6 +114,7 @@ TEST_F(Arguments, RecordsThatWereNeverOpenedAreSurvived) {
             const Reports seen = reports();
             if (closes) { // does not look at the magic
                 EXPECT_EQ(given, -1);
+                EXPECT_EQ(errno, EBADF);
                 EXPECT_EQ(seen, Reports({warned(uart, function)}));
                 continue;
             }

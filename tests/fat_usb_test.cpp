@@ -94,8 +94,10 @@ TEST_F(UsbLink, StopEndsABlockedReadWithWhatHasCome) {
 TEST_F(UsbLink, PassesOnTheStatusOfOpeningAndStoppingAndNoOther) {
     EXPECT_EQ(kiv_usb_open(&port_, "/nowhere"), ENOENT);
     open_link();
+    EXPECT_EQ(kiv_usb_write(&port_, "sent", 4), 4U);
     kiv_sim_fail(KIV_SIM_WRITE, 1, 1, EIO);
     EXPECT_EQ(kiv_usb_write(&port_, "lost", 4), 4U);
+    EXPECT_EQ(sent(), "sent");
     kiv_sim_fail_ioctl(set_settings, 1, 1, EIO);
     EXPECT_EQ(kiv_usb_close(&port_), EIO);
     close();

@@ -95,6 +95,7 @@ TEST_F(UartOpen, FlowControlFollowsBitZeroOfTheOptions) {
     for (const unsigned options : {1U, 0U, 0xFFFFFFFFU, 0xFFFFFFFEU}) {
         open(UART_SPEED_115200, options);
         EXPECT_EQ((state().c_cflag & rts_cts) != 0, (options & 1U) != 0) << options;
+        EXPECT_EQ(state().c_lflag & 0x804BU, 0U) << "the line is raw whatever the options";
         EXPECT_EQ(port_.flags, 0U);
         EXPECT_EQ(port_.fd, kiv_linux_sfdno(port_.kiv_linux_sfd));
         close();

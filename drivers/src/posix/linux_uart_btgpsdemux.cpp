@@ -103,7 +103,7 @@ int btgpsdemux_reconnect(UART_infos &port, late_trace &failure) {
 // After a call has failed on a connection, or has found none. One that failed by itself makes the next
 // connection, even if the other thread has just made one, since both have seen the link fail. One that has
 // only been cut off by the other thread's reconnection goes on with the connection that stands. Returns as
-// btgpsdemux_reconnect does.
+// btgpsdemux_reconnect does; the late trace leaves that error in errno, whatever the unlocking did to it.
 KIV_COLD int renew(UART_infos &port, bool failed_by_itself) {
     late_trace failure;
     const mutex_hold hold(state_of(port).mutex);
@@ -129,11 +129,8 @@ inline int transfer(UART_infos &port, direction way, void *buffer, unsigned int 
             if (failed_before && failed_by_itself)
                 ::usleep(retry_interval_us);
         }
-        const int status = renew(port, failed_by_itself);
-        if (status != 0) {
-            errno = status; // not before the mutex is free: kiv-core's unlocking may set it
+        if (renew(port, failed_by_itself) != 0)
             return -1;
-        }
         now = current_connection(port);
     }
 }
