@@ -92,6 +92,6 @@ int main(int argc, char **argv) {
     }
     free(data);
     if (status != 0)
-        fprintf(stderr, "%s: status %d\n", argv[1], status);
+        fprintf(stderr, "%s: %s\n", argv[1], status > 0 ? strerror(status) : "not all went well");
     return status != 0;
 }
