@@ -42,12 +42,15 @@ void open_tcp(struct ends *ends, int use_library) {
     must(getsockname(listener, (struct sockaddr *)&address, &size) == 0, "getsockname");
     ends->peer = socket(AF_INET, SOCK_STREAM, 0);
     must(connect(ends->peer, (struct sockaddr *)&address, sizeof address) == 0, "connect");
-    if (use_library) { /* the first send takes the client in */
-        char byte = 0;
-        must(sup_uart_Send(&ends->port, &byte, 1) == 0 && read(ends->peer, &byte, 1) == 1, "first byte");
-    } else {
+    if (!use_library)
         must((ends->stream.fd = accept(listener, NULL, NULL)) >= 0 && close(listener) == 0, "accept");
-    }
+    /* The library's first send takes the client in. The straight function sends a byte, too: a connection
+     * that has had one goes on in another way. */
+    char byte = 0;
+    must((use_library ? sup_uart_Send(&ends->port, &byte, 1)
+                      : straight_stream_send(&ends->stream, &byte, 1)) == 0 &&
+             read(ends->peer, &byte, 1) == 1,
+         "first byte");
 }
 
 static int open_unix_port(UART_infos *port, const char *service) {
