@@ -132,5 +132,17 @@ TEST_F(Arguments, RecordsThatWereNeverOpenedAreSurvived) {
     }
 }
 
+// It has no status to tell.
+TEST_F(Arguments, TheRtsLineOfNoPortIsOnlyReported) {
+    constexpr const char *function = "sup_uart_RTS_Manage";
+    sup_uart_RTS_Manage(nullptr, UART_RTS_RAISE);
+    EXPECT_EQ(reports(), Reports({asserted(uart, function, "(UART_infos) != ((void *)0)")}));
+    port_ = {};
+    sup_uart_RTS_Manage(&port_, UART_RTS_RAISE);
+    EXPECT_EQ(reports(),
+              Reports({asserted(uart, function, "UART_infos->magic == 0xc0decafe"), warned(uart, function)}));
+    EXPECT_EQ(kiv_sim_calls(KIV_SIM_IOCTL), 0U);
+}
+
 } // namespace
 } // namespace kiv::test

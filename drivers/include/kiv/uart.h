@@ -37,6 +37,9 @@
  * and any thread may call sup_uart_Stop_UART; on TCP ports any number of threads may write. The line
  * settings must not overlap each other, and opening and closing must not overlap anything on the record.
  *
+ * Descriptors. None that the library makes is 0, 1 or 2, also in a program that has closed those: what it
+ * writes there would end up in a device or at a peer.
+ *
  * Ownership. The record is the caller's, from before the opening until after the closing; the library
  * keeps no pointer to it. What an opening made is released by sup_uart_close. A record whose opening failed
  * holds nothing and may only be opened again.
@@ -236,8 +239,8 @@ KIV_API int sup_uart_Change_StopBitsNumber(UART_infos *port, unsigned int stop_b
  */
 KIV_API int sup_uart_Flush(UART_infos *port, unsigned int flag);
 
-/* Raises (0) or drops (any other number) the RTS line. A failure is only logged. The record must not be
- * null: it is not checked. */
+/* Raises (0) or drops (any other number) the RTS line. A failure is only logged, as are a null record and one
+ * that was never opened. */
 KIV_API void sup_uart_RTS_Manage(UART_infos *port, unsigned int manage);
 
 /* Turns hardware flow control on (not 0) or off (0), at once. Returns 0; 22 for a null record; or the errno
