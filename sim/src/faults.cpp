@@ -44,7 +44,8 @@ bool returns_pointer(kiv_sim_call call) {
 }
 
 bool transfers_bytes(kiv_sim_call call) {
-    return call == KIV_SIM_READ || call == KIV_SIM_WRITE || call == KIV_SIM_SEND || call == KIV_SIM_RECV;
+    return call == KIV_SIM_READ || call == KIV_SIM_WRITE || call == KIV_SIM_READV || call == KIV_SIM_WRITEV ||
+           call == KIV_SIM_SEND || call == KIV_SIM_RECV;
 }
 
 bool makes_sense(const kiv_sim_fault &fault) {
@@ -69,9 +70,10 @@ bool matches(const armed &slot, kiv_sim_call call, unsigned long request) {
            (slot.fault.this_thread == 0 || ::pthread_equal(slot.thread, ::pthread_self()) != 0);
 }
 
-// Whether the call that has just been counted falls into the fault's window.
-bool is_due(const armed &slot) {
-    return slot.seen >= slot.fault.nth &&
+// Whether the call that has just been counted falls into the fault's window, and is changed by it.
+bool is_due(const armed &slot, size_t length) {
+    const bool changes = slot.fault.action != KIV_SIM_SHORTEN || slot.fault.length < length;
+    return changes && slot.seen >= slot.fault.nth &&
            (slot.fault.times == KIV_SIM_ALWAYS || slot.seen - slot.fault.nth < slot.fault.times);
 }
 
@@ -90,7 +92,7 @@ int arm_simple(kiv_sim_call call, unsigned nth, unsigned times, kiv_sim_action a
 
 } // namespace
 
-bool find_due(kiv_sim_call call, unsigned long request, kiv_sim_fault &due) {
+bool find_due(kiv_sim_call call, unsigned long request, size_t length, kiv_sim_fault &due) {
     const errno_keeper keeper;
     const guard hold(faults_lock);
     bool found = false;
@@ -98,7 +100,7 @@ bool find_due(kiv_sim_call call, unsigned long request, kiv_sim_fault &due) {
         if (!matches(slots[i], call, request))
             continue;
         ++slots[i].seen;
-        if (!found && is_due(slots[i])) {
+        if (!found && is_due(slots[i], length)) {
             due = slots[i].fault;
             found = true;
             ++fired;

@@ -16,7 +16,7 @@ extern constinit std::atomic<std::uint32_t> call_counts[KIV_SIM_CALL_KINDS];
 extern constinit std::atomic<std::uint32_t> count_watchers;
 
 void wake_watchers(kiv_sim_call call);
-bool find_due(kiv_sim_call call, unsigned long request, kiv_sim_fault &due);
+bool find_due(kiv_sim_call call, unsigned long request, size_t length, kiv_sim_fault &due);
 void reset_faults();
 
 // The fault, if any, that one call meets.
@@ -25,13 +25,13 @@ class fault {
     bool due_now_ = false;
 
   public:
-    // Counts the call.
-    explicit fault(kiv_sim_call call, unsigned long request = 0) {
+    // Counts the call. length is what a transfer asks for.
+    explicit fault(kiv_sim_call call, unsigned long request = 0, size_t length = SIZE_MAX) {
         call_counts[call].fetch_add(1);
         if (count_watchers.load() != 0)
             wake_watchers(call);
         if (armed_faults.load() != 0)
-            due_now_ = find_due(call, request, due_);
+            due_now_ = find_due(call, request, length, due_);
     }
 
     // The call is not to be made: its answer is finish() instead.
@@ -39,10 +39,8 @@ class fault {
     bool fails() const { return due_now_ && due_.action == KIV_SIM_FAIL; }
     const kiv_sim_fault &what() const { return due_; }
 
-    // The number of bytes that a transfer is to be asked for.
-    size_t shortened(size_t length) const {
-        return due_now_ && due_.action == KIV_SIM_SHORTEN && due_.length < length ? due_.length : length;
-    }
+    // The call is to be made for fewer bytes: what().length.
+    bool shortens() const { return due_now_ && due_.action == KIV_SIM_SHORTEN; }
 
     // The changed call's result; sets errno for a failure.
     long finish() const;

@@ -61,7 +61,7 @@ int make_descriptors(int flags, int &signal) {
                                     ((flags & O_NONBLOCK) != 0 ? EFD_NONBLOCK : 0));
     if (fd == -1)
         return -1;
-    signal = real().fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    signal = own(real().fcntl(fd, F_DUPFD_CLOEXEC, 0));
     if (signal != -1)
         return fd;
     const errno_keeper keeper;

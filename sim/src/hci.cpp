@@ -173,19 +173,20 @@ int open_socket(int flags, opened &made) {
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == -1)
         return -1;
+    const int far = own(ends[1]);
     if ((flags & SOCK_CLOEXEC) == 0)
         real().fcntl(ends[0], F_SETFD, 0);
     if ((flags & SOCK_NONBLOCK) != 0)
         real().fcntl(ends[0], F_SETFL, O_NONBLOCK);
-    auto *fresh = allocate<hci_socket>();
+    auto *fresh = far >= 0 ? allocate<hci_socket>() : nullptr;
     if (fresh == nullptr) {
         real().close(ends[0]);
-        real().close(ends[1]);
+        real().close(far);
         return fail(ENOMEM);
     }
     const guard hold(hci_lock);
     *fresh = {.bound = nullptr,
-              .far = ends[1],
+              .far = far,
               .filter = {},
               .lost = false,
               .ended = false,

@@ -41,4 +41,14 @@ const real_calls &real() {
     return found;
 }
 
+int own(int fd) {
+    constexpr int first = 3;
+    if (fd < 0 || fd >= first)
+        return fd;
+    const int moved = real().fcntl(fd, F_DUPFD_CLOEXEC, first);
+    const errno_keeper keeper;
+    real().close(fd);
+    return moved;
+}
+
 } // namespace kiv::sim

@@ -171,6 +171,10 @@ struct real_calls {
 // Looked up once, as the next definitions after the board's in the search order: the C library's.
 const real_calls &real();
 
+// Makes a descriptor the board's own: not under the number of standard input, output or error, which a
+// program that has closed those is to be given for what it opens. Returns it, or -1 with errno.
+int own(int fd);
+
 } // namespace kiv::sim
 
 #endif

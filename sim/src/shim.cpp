@@ -74,12 +74,44 @@ ssize_t transfer(Slot operations::*slot, int fd, const iovec *pieces, int count,
 template <class Slot, class Real>
 ssize_t transfer_buffer(kiv_sim_call call, Slot operations::*slot, int fd, void *buffer, size_t length,
                         Real real_call) {
+    const fault due(call, 0, length);
+    if (due.answers())
+        return due.finish();
+    const size_t asked = due.shortens() ? due.what().length : length;
+    const iovec piece = {.iov_base = buffer, .iov_len = asked};
+    return transfer(slot, fd, &piece, 1, [&] { return real_call(asked); });
+}
+
+// The beginning of a list of pieces.
+class first_pieces {
+    iovec pieces_[UIO_MAXIOV];
+    int count_ = 0;
+
+  public:
+    first_pieces(const iovec *pieces, int count, size_t length) {
+        for (; count_ < count && count_ < UIO_MAXIOV && length > 0; ++count_) {
+            pieces_[count_] = pieces[count_];
+            if (pieces_[count_].iov_len > length)
+                pieces_[count_].iov_len = length;
+            length -= pieces_[count_].iov_len;
+        }
+    }
+    const iovec *list() const { return pieces_; }
+    int count() const { return count_; }
+};
+
+// A transfer of several pieces; `real_call` takes their list.
+template <class Slot, class Real>
+ssize_t transfer_pieces(kiv_sim_call call, Slot operations::*slot, int fd, const iovec *pieces, int count,
+                        Real real_call) {
     const fault due(call);
     if (due.answers())
         return due.finish();
-    const size_t asked = due.shortened(length);
-    const iovec piece = {.iov_base = buffer, .iov_len = asked};
-    return transfer(slot, fd, &piece, 1, [&] { return real_call(asked); });
+    if (!due.shortens())
+        return transfer(slot, fd, pieces, count, [=] { return real_call(fd, pieces, count); });
+    const first_pieces cut(pieces, count, due.what().length);
+    return transfer(slot, fd, cut.list(), cut.count(),
+                    [&] { return real_call(fd, cut.list(), cut.count()); });
 }
 
 // Descriptors 0 to 2 carry the messages of tests and of the program: out of reach for faults, unless a
@@ -334,19 +366,13 @@ KIV_SIM_LIBC ssize_t write(int fd, const void *data, size_t count) {
 }
 
 KIV_SIM_LIBC ssize_t readv(int fd, const iovec *pieces, int count) {
-    const fault due(KIV_SIM_READV);
-    if (due.answers())
-        return due.finish();
-    return transfer(&operations::read, fd, pieces, count, [=] { return real().readv(fd, pieces, count); });
+    return transfer_pieces(KIV_SIM_READV, &operations::read, fd, pieces, count, real().readv);
 }
 
 KIV_SIM_LIBC ssize_t writev(int fd, const iovec *pieces, int count) {
     if (is_standard_stream(fd))
         return real().writev(fd, pieces, count);
-    const fault due(KIV_SIM_WRITEV);
-    if (due.answers())
-        return due.finish();
-    return transfer(&operations::write, fd, pieces, count, [=] { return real().writev(fd, pieces, count); });
+    return transfer_pieces(KIV_SIM_WRITEV, &operations::write, fd, pieces, count, real().writev);
 }
 
 namespace {

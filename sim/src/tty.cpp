@@ -170,7 +170,7 @@ bool connect_process(link &made, const char *path) {
     ::memcpy(address.sun_path, path, length);
     if (*path == '@')
         address.sun_path[0] = '\0';
-    made.near = real().socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    made.near = own(real().socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     return made.near >= 0 &&
            real().connect(made.near, reinterpret_cast<const sockaddr *>(&address),
                           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length)) == 0;
@@ -180,10 +180,10 @@ bool connect_board(link &made) {
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == -1)
         return false;
-    made.near = ends[0];
-    made.far = ends[1];
+    made.near = own(ends[0]);
+    made.far = own(ends[1]);
     real().setsockopt(made.near, SOL_SOCKET, SO_SNDBUF, &held_queue_size, sizeof held_queue_size);
-    return true;
+    return made.near >= 0 && made.far >= 0;
 }
 
 void end_link(link *ended) {

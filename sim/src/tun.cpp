@@ -163,16 +163,17 @@ int open_tun(const char *path, int flags, opened &made) {
         ((flags & O_CLOEXEC) != 0 ? SOCK_CLOEXEC : 0) | ((flags & O_NONBLOCK) != 0 ? SOCK_NONBLOCK : 0);
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | socket_flags, 0, ends) == -1)
         return -1;
-    real().fcntl(ends[1], F_SETFD, FD_CLOEXEC);
-    auto *opening = allocate<tap>();
+    const int far = own(ends[1]);
+    real().fcntl(far, F_SETFD, FD_CLOEXEC);
+    auto *opening = far >= 0 ? allocate<tap>() : nullptr;
     if (opening == nullptr) {
         const errno_keeper keeper;
         real().close(ends[0]);
-        real().close(ends[1]);
+        real().close(far);
         return -1;
     }
     *opening = tap{.next = taps,
-                   .far = ends[1],
+                   .far = far,
                    .node = node,
                    .refuses = nodes[node] == KIV_SIM_TUN_FORBIDDEN,
                    .deleted = false,

@@ -138,7 +138,8 @@ typedef enum kiv_sim_action {
     KIV_SIM_ANSWER,  /* `result`, errno untouched. close closes all the same; poll and select with result 0
                         clear what they report, and with a positive one report everything asked for. Not
                         for calls that return a pointer. */
-    KIV_SIM_SHORTEN, /* the call is made, for `length` bytes at most: read, write, send, recv only */
+    KIV_SIM_SHORTEN, /* the call is made, for `length` bytes at most, and not changed where it asks for no
+                        more: read, write, readv, writev, send, recv only */
     KIV_SIM_REVENTS  /* poll, ppoll: the first entries report `revents`, any others nothing; the result is
                         the number of entries that report something */
 } kiv_sim_action;
