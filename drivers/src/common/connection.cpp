@@ -64,7 +64,8 @@ void end_connection(UART_infos &port, uint32_t failed) noexcept {
     if (fd < 0 || port.flags != failed)
         return;
     set(port.fd, -1);
-    ::shutdown(fd, SHUT_RDWR);
+    if (::shutdown(fd, SHUT_RDWR) == -1 && errno == EBADF)
+        return; // closed by mistake: the number is anybody's
     if (static_cast<uint32_t>(fd) + 1 <= kept_mask >> kept_shift)
         keep_number(port, fd);
     else
