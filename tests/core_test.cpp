@@ -8,6 +8,7 @@
 #include <new>
 #include <poll.h>
 #include <semaphore>
+#include <sstream>
 #include <string>
 #include <sys/mman.h>
 #include <thread>
@@ -148,6 +149,44 @@ TEST_F(CoreTest, MessagesOfManyThreadsStayWholeUnderSignals) {
     EXPECT_EQ(lines.size(), 4 * std::size(lengths));
     for (const auto &[line, count] : lines)
         EXPECT_EQ(count, rounds) << line.size() << " times " << line[0];
+}
+
+// Every line is written or counted; pieces of lines are all written.
+TEST_F(CoreTest, WithALimitALineThatComesAgainIsCounted) {
+    constexpr long limit = 2;
+    ::setenv("KIV_CORE_LOG_LIMIT", "2", 1);
+    const auto second = [] {
+        timespec now;
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        return now.tv_sec;
+    };
+    const std::string warning = "warning: another (m:1 in h)";
+    const time_t first = second();
+    unsigned written = 0, pieces = 0;
+    std::istringstream text(stderr_of([&] {
+        for (bool goes_on = true; goes_on;) {
+            goes_on = second() == first;
+            sup_log_msg_nocolor_raw("POS", 1, "a line\n");
+            kiv_warn("another", "m", 1, "h");
+            for (; pieces < 20; ++pieces)
+                sup_log_msg_nocolor_raw("POS", 1, pieces % 2 == 0 ? "00 " : "\n");
+            ++written;
+        }
+    }));
+    ::unsetenv("KIV_CORE_LOG_LIMIT");
+    const time_t last = second();
+    std::map<std::string, unsigned> lines;
+    unsigned total = 0, left_out = 0;
+    for (std::string line; std::getline(text, line);) {
+        if (std::sscanf(line.c_str(), "kiv-core: %u repeated lines left out", &left_out) == 1)
+            total += left_out;
+        else if (++lines[line]; line == warning || line == "a line")
+            ++total;
+    }
+    EXPECT_LE(lines["a line"], limit * (last - first + 1));
+    EXPECT_LE(lines[warning], limit * (last - first + 1));
+    EXPECT_EQ(lines["00 "], pieces / 2);
+    EXPECT_GE(total + 2, 2 * written) << "the last ones may be left out and not told yet";
 }
 
 // Longer than a pipe: the write comes back short, and is gone on with.

@@ -43,7 +43,10 @@ KIV_CORE_API int kiv_log_dyn_add(kiv_log_category *category);
  * end of its own. Messages of several threads do not mix, but those longer than 4096 bytes, which a pipe
  * takes in pieces. A reader of stderr that has stopped reading holds up who writes, nobody else. The caller
  * has tested the level already. Returns the number of bytes of the message, or -1 when it could not be
- * formatted. */
+ * formatted.
+ *
+ * With the environment variable KIV_CORE_LOG_LIMIT=N a line is written N times a second at most. More are
+ * counted; the number of those is told in front of a later line ("kiv-core: 99 repeated lines left out"). */
 KIV_CORE_API int sup_log_msg_nocolor_raw(const char *category, int level, const char *format, ...)
     KIV_CORE_PRINTF(3, 4);
 
