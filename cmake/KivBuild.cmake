@@ -18,6 +18,16 @@ if(KIV_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link) # tells the fuzzers which branches an input has reached
 endif()
 
+# Counts which lines and branches of the product are reached. The counts are in a file from the first moment on, so that
+# they outlive a process that is killed, replaced by exec or never told that it has forked.
+option(KIV_COVERAGE "Count what of drivers/src is reached (needs clang; scripts/test coverage)" OFF)
+add_library(kiv-coverage INTERFACE)
+if(KIV_COVERAGE)
+  target_compile_options(kiv-coverage INTERFACE
+    -fprofile-instr-generate -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation")
+  target_link_options(kiv-coverage INTERFACE -fprofile-instr-generate)
+endif()
+
 add_library(kiv-warnings INTERFACE)
 target_compile_options(kiv-warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef -Wcast-align
@@ -39,6 +49,15 @@ function(kiv_harden target)
     -Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed -Wl,--build-id=none)
   if(NOT KIV_SANITIZE)
     target_link_options(${target} PRIVATE -Wl,-z,defs)
+  endif()
+endfunction()
+
+# A library that every program loads: one page less between its segments, and no start files. Those of a shared library
+# serve C++ destructors at unload, of which there are none, and bring names for the loader to look up.
+function(kiv_load_fast target)
+  target_link_options(${target} PRIVATE -Wl,-z,noseparate-code)
+  if(NOT KIV_SANITIZE AND NOT KIV_COVERAGE)
+    target_link_options(${target} PRIVATE -nostartfiles)
   endif()
 endfunction()
 

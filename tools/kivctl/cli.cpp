@@ -95,6 +95,17 @@ struct option_set {
     }
 };
 
+// As getopt_long; with musl that stops at a lone "-", which is an argument like others.
+int next_option(int argc, char **argv, const option_set &set, int *index) {
+    const int found = getopt_long(argc, argv, set.letters, set.longs, index);
+    const bool stopped =
+        found == -1 && optind < argc && set.letters[0] == '-' && strcmp(argv[optind - 1], "--") != 0;
+    if (!stopped)
+        return found;
+    optarg = argv[optind++];
+    return 1;
+}
+
 exit_code wrong_option(int found, const char *word) {
     const bool is_long = strncmp(word, "--", 2) == 0;
     if (found == ':')
@@ -132,9 +143,8 @@ exit_code read_arguments(const verb &what, int argc, char **argv, option_value (
     parsed = {
         .what = &what, .arguments = argv, .count = 0, .json = false, .options = values, .option_count = 0};
     opterr = 0;
-    optind = 1;
-    for (int index = -1, found = 0; (found = getopt_long(argc, argv, set.letters, set.longs, &index)) != -1;
-         index = -1) {
+    optind = 0; // afresh: what another command line has left behind is forgotten
+    for (int index = -1, found = 0; (found = next_option(argc, argv, set, &index)) != -1; index = -1) {
         if (found == '?' || found == ':')
             return wrong_option(found, argv[optind - 1]);
         if (found == 1) { // an argument between options: move it to the front, where they are collected

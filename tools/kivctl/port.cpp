@@ -7,6 +7,7 @@
 
 #include "port.h"
 
+#include <asm/ioctls.h>
 #include <asm/termbits.h> // and not <termios.h>, which has no rates by number
 #include <cerrno>
 #include <cstring>

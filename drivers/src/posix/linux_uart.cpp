@@ -14,6 +14,7 @@
 #define KIV_MODULE "drivers/src/posix/linux_uart"
 
 #include <algorithm>
+#include <asm/ioctls.h>
 #include <asm/termbits.h>
 #include <cerrno>
 #include <climits>
