@@ -14,6 +14,10 @@ CASES = (
     ("transfer w4@0x68 8 0x41 2+ w1 8 r3", 0, "0x41 0x02 0x03\n", {}),
     ("transfer w5@0x68 8 7= w1 8 r4", 0, " ".join(["0x07"] * 3) + " .*\n", {}),
     ("transfer w3@0x68 8 1- w1 8 r2 --json", 0, r'\{"address":104,"hex":"0100","text":"\\u0001\\u0000"\}\n', {}),
+    ("transfer w7@0x68 8 0x42p w1 8 r6", 0, "0x42 0xcc 0xc9 0xbf 0x63 0x0b\n", {}),  # as i2ctransfer has it
+    ("transfer r?@0x68", 4, "this bus lets no chip tell a length, as r? wants", {}),
+    ("transfer w1@0x68 8 r?", 0, "0x03 0x61 0x62 0x63\n", {"env": {"KIVCTL_BOARD": "blocks"}}),
+    ("transfer r?@0x68 r2 --json", 0, r'\{"address":104,"hex":"03616263","text":".*\n.*\n', {"env": {"KIVCTL_BOARD": "blocks"}}),
     ("transfer w0@0x68", 0, "", {}),
     ("transfer r1@0x51", 1, "no answer from 0x51", {}),
     ("transfer r1@0x50", 1, "transfer: Connection timed out", {"env": {FAIL: "ioctl=ETIMEDOUT@3"}}),

@@ -17,7 +17,7 @@ import tty
 from pathlib import Path
 
 REAL = shlex.split(os.environ["KIVCTL"])
-BOARD = shlex.split(os.environ["KIVCTL_ON_BOARD"])
+BOARD = shlex.split(os.environ["KIVCTL_ON_BOARD"])  # empty where there is no board: run leaves such commands out
 TTYS = "KIVCTL_NO_TTYS" not in os.environ  # a user-mode emulator has no real ones
 LIMIT = 60  # seconds, for anything that is waited for
 TEMPORARY = tempfile.TemporaryDirectory()
@@ -64,6 +64,8 @@ def finish(process, what, status=0, out=None, error=None, data=None):
 
 
 def run(arguments, status=0, out=None, error=None, data=None, **more):
+    if not more.get("on", REAL):
+        return ""
     if data is not None:
         more["stdin"] = subprocess.PIPE
     return finish(start(arguments, **more), arguments, status, out, error, data)

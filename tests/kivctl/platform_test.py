@@ -21,9 +21,9 @@ run(["fat", "attr", "/nowhere", str(file)], 1, f"h- {file}\n", "kivctl: fat attr
     on=BOARD, env=marked)
 
 
-def diagnose(**more):
+def diagnose(on=BOARD, **more):
     """What it finds, by what it looks at. Each problem comes with the line that repairs it."""
-    process = start("doctor --json", on=BOARD, **more)
+    process = start("doctor --json", on=on, **more)
     said, complained = process.communicate(timeout=LIMIT)
     findings = [json.loads(line) for line in said.splitlines()]
     bad = [finding for finding in findings if finding["state"] == "problem"]
@@ -37,6 +37,14 @@ found = diagnose()
 check(all(found[name]["state"] == "ok" for name in ("/dev/ttyKIV0", "/dev/i2c-0", "/dev/gpio", "hci0", "hci1")), found)
 found = diagnose(env={"KIV_SIM_FAIL": "ioctl=EOPNOTSUPP@1+"})
 check(found["hci0"]["detail"] == "this kernel refuses raw mode", found)
+# No right helps where the kernel refuses, and only that is said.
+refuses = int(os.uname().release.split(".")[0]) >= 4
+found = diagnose(env={"KIV_SIM_FAIL": "ioctl=EPERM@1+"})
+check(("refuses" if refuses else "CAP_NET_ADMIN") in found["hci0"]["detail"], found)
+# This machine's own kernel, with a controller or without.
+found = diagnose(on=REAL)
+told = [finding["detail"] for what, finding in found.items() if what == "raw HCI" or what.startswith("hci")]
+check(any("refuses raw mode" in detail for detail in told) == refuses, found)
 found = diagnose(env={"KIV_SIM_FAIL": "socket=EAFNOSUPPORT@1+"})
 check(found["bluetooth"]["state"] == "absent" and "modprobe" in found["bluetooth"]["repair"], found)
 said = start("doctor", on=BOARD).communicate(timeout=LIMIT)[0].decode()

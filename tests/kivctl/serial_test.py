@@ -57,8 +57,8 @@ def look_at_streams():
     Service(echo, FOLDER / "service")
     names = (f"tcpout:127.0.0.1:{tcp.port}", f"unix:{FOLDER}/service", f"gpsdemux:{FOLDER}/service")
     for name in names:
-        run(f"serial ask {name} hello", out="hello")
-    said = run(f"serial ask {names[0]} 'h\\xe9' --json")
+        run(f"serial ask {name} hello --timeout 60s", out="hello")
+    said = run(f"serial ask {names[0]} 'h\\xe9' --json --timeout 60s")
     check(json.loads(said) == {"hex": "68e9", "text": "h\u00e9"}, said)
     # What the peer has not read yet is not lost when the program is done and leaves an answer unread.
     slow = Service(lambda peer: (peer.sendall(b"x" * 100000), sum(len(data) for data in iter(lambda: peer.recv(65536), b"")))[1])

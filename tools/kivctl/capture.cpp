@@ -96,6 +96,11 @@ uint32_t pcap_reader::number(const uint8_t *bytes) const {
     return value;
 }
 
+pcap_reader::~pcap_reader() {
+    if (file_ != nullptr)
+        fclose(file_);
+}
+
 exit_code pcap_reader::open(const char *name) {
     uint8_t head[24];
     name_ = name;

@@ -27,6 +27,11 @@ class pcap_writer {
 // Reads Ethernet frames: either byte order, micro- or nanoseconds.
 class pcap_reader {
   public:
+    pcap_reader() = default;
+    pcap_reader(const pcap_reader &) = delete;
+    pcap_reader &operator=(const pcap_reader &) = delete;
+    ~pcap_reader();
+
     exit_code open(const char *name);
     // size: in, the room; out, the frame's length, 0 at the end.
     exit_code next(uint8_t *frame, size_t &size);

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <grp.h>
@@ -16,6 +17,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include "areas.h"
@@ -158,6 +160,8 @@ struct hci_device_info {
     uint8_t rest[96];
 };
 
+constexpr char raw_mode_repair[] =
+    "use a kernel before 3.x, or the controller's UART itself: kivctl serial term DEVICE";
 constexpr char capabilities_repair[] = "sudo setcap cap_net_admin,cap_net_raw+ep $(command -v kivctl)";
 
 // Asks for raw mode to be off where it is off: that changes nothing, and a kernel that has no raw mode
@@ -177,14 +181,19 @@ int try_raw_mode(uint16_t device) {
     return error;
 }
 
+// What the release tells where the kernel cannot be asked. 3.x: some do, some do not.
+bool surely_refuses_raw_mode() {
+    utsname kernel{};
+    return uname(&kernel) == 0 && strtol(kernel.release, nullptr, 10) >= 4;
+}
+
 void tell_of_controller(const char *name, int error) {
     if (error == 0)
         find(state::good, name, "raw mode works", nullptr);
+    else if (error == EOPNOTSUPP || (error == EPERM && surely_refuses_raw_mode())) // no right helps then
+        find(state::problem, name, "this kernel refuses raw mode", raw_mode_repair);
     else if (error == EPERM)
         find(state::problem, name, "raw mode takes CAP_NET_ADMIN and CAP_NET_RAW", capabilities_repair);
-    else if (error == EOPNOTSUPP)
-        find(state::problem, name, "this kernel refuses raw mode",
-             "use a kernel before 3.x, or the controller's UART itself: kivctl serial term DEVICE");
     else
         find(state::problem, name, strerror(error), "sudo dmesg   # what the driver says");
 }
@@ -208,6 +217,8 @@ void look_at_bluetooth() {
         find(state::absent, "bluetooth", "this kernel has no Bluetooth", "sudo modprobe bluetooth");
     else if (!any)
         find(state::absent, "bluetooth", "there is no controller", nullptr);
+    if (!any && surely_refuses_raw_mode())
+        find(state::absent, "raw HCI", "this kernel refuses raw mode to every controller", raw_mode_repair);
 }
 
 void look_at_serial(void *, const char *name, const char *) {

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <linux/i2c-dev.h>
+#include <linux/i2c.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -146,16 +147,40 @@ struct message_list {
     kiv_i2c_message messages[KIV_I2C_MAX_MSGS];
     int count = 0;
     uint32_t address = last_address + 1; // none yet
+    bool chip_tells = false;             // the length of one of them
 };
 
 uint8_t room[KIV_I2C_MAX_MSGS][longest_message];
 
-// rN, rN@ADDR, wN, wN@ADDR.
+// The chip tells in its first byte how many follow. The kernel wants room for the most, and in the buffer the
+// number of bytes that come in any case.
+void take_length_of_chip(message_list &list, kiv_i2c_message &message) {
+    message.len = 1 + I2C_SMBUS_BLOCK_MAX;
+    message.flags = KIV_I2C_READ | I2C_M_RECV_LEN;
+    message.buf[0] = 1;
+    list.chip_tells = true;
+}
+
+// Buses that know nothing of it would read one byte and call that a success.
+exit_code look_for_lengths(const chip &at) {
+    unsigned long functions = 0;
+    if (ioctl(at.record.fd, I2C_FUNCS, &functions) == 0 && (functions & I2C_FUNC_SMBUS_READ_BLOCK_DATA) != 0)
+        return done;
+    return fail(unavailable, nullptr, "this bus lets no chip tell a length, as r? wants");
+}
+
+// rN, rN@ADDR, wN, wN@ADDR; ? in the place of the N of a read.
 exit_code read_head(const char *text, message_list &list, kiv_i2c_message &message) {
+    const bool reads = text[0] == 'r';
     const char *at = text + 1;
     uint32_t address = list.address;
-    if ((text[0] != 'r' && text[0] != 'w') || !parse_number(at, "@", longest_message, message.len))
-        return misuse("'%s' is not rN, rN@ADDR, wN or wN@ADDR, with N up to %u", text, longest_message);
+    message.flags = reads ? KIV_I2C_READ : 0;
+    if (reads && at[0] == '?' && (at[1] == '@' || at[1] == '\0')) {
+        take_length_of_chip(list, message);
+        ++at;
+    } else if ((!reads && text[0] != 'w') || !parse_number(at, "@", longest_message, message.len)) {
+        return misuse("'%s' is not rN, rN@ADDR, r?, wN or wN@ADDR, with N up to %u", text, longest_message);
+    }
     if (*at == '@' && !parse_number(at + 1, last_address, address))
         return misuse("in '%s' the address is not from 0x00 to 0x7f", text);
     if (address > last_address)
@@ -163,15 +188,29 @@ exit_code read_head(const char *text, message_list &list, kiv_i2c_message &messa
     if (list.count > 0 && address != list.address)
         return misuse("all messages of a transfer go to one chip: 0x%02x, then 0x%02x", list.address,
                       address);
-    if (message.len == 0 && text[0] == 'r')
+    if (message.len == 0 && reads)
         return misuse("'%s' reads nothing", text);
     list.address = address;
-    message.flags = text[0] == 'r' ? KIV_I2C_READ : 0;
     return done;
 }
 
-// The bytes of a write. A suffix on the last one fills the rest: = the same, + one more each, - one less
-// each.
+// The byte after this one, as a suffix says: = the same, + one more, - one less, p the next of a
+// pseudo-random sequence, which is that of i2ctransfer.
+uint8_t next_byte(char suffix, uint8_t byte) {
+    const auto mixed = static_cast<uint8_t>((byte ^ 27) + 13);
+    switch (suffix) {
+    case '+':
+        return static_cast<uint8_t>(byte + 1);
+    case '-':
+        return static_cast<uint8_t>(byte - 1);
+    case 'p':
+        return static_cast<uint8_t>(mixed << 1 | mixed >> 7);
+    default:
+        return byte;
+    }
+}
+
+// The bytes of a write. A suffix on the last one fills the rest.
 exit_code read_bytes(const char *const *words, int count, kiv_i2c_message &message, int &used) {
     uint32_t filled = 0;
     for (used = 0; filled < message.len; ++used) {
@@ -179,13 +218,11 @@ exit_code read_bytes(const char *const *words, int count, kiv_i2c_message &messa
             return misuse("a write of %u bytes has only %u", message.len, filled);
         const char *at = words[used];
         uint32_t value = 0;
-        if (!parse_number(at, "=+-", 0xff, value) || (*at != '\0' && at[1] != '\0'))
+        if (!parse_number(at, "=+-p", 0xff, value) || (*at != '\0' && at[1] != '\0'))
             return misuse("'%s' is no byte", words[used]);
         message.buf[filled++] = static_cast<uint8_t>(value);
-        for (; *at != '\0' && filled < message.len; ++filled) {
-            value += *at == '+' ? 1 : *at == '-' ? 0xff : 0;
-            message.buf[filled] = static_cast<uint8_t>(value);
-        }
+        for (; *at != '\0' && filled < message.len; ++filled)
+            message.buf[filled] = next_byte(*at, message.buf[filled - 1]);
     }
     return done;
 }
@@ -205,6 +242,12 @@ exit_code read_messages(const request &from, message_list &list) {
         i += used;
     }
     return done;
+}
+
+// As much as has come.
+uint32_t size_of(const kiv_i2c_message &message) {
+    const uint32_t told = 1U + message.buf[0];
+    return (message.flags & I2C_M_RECV_LEN) != 0 && told < message.len ? told : message.len;
 }
 
 void print_bytes(bool json, uint32_t address, const uint8_t *data, uint32_t size) {
@@ -228,11 +271,15 @@ exit_code i2c_transfer(const request &from) {
         code = read_bus(from, with);
     if (code == done)
         code = open_chip(from, with);
+    if (code == done && list.chip_tells)
+        code = look_for_lengths(with);
     if (code == done)
         code = transfer(with, list.messages, list.count);
-    for (int i = 0; i < list.count && code == done; ++i)
-        if (list.messages[i].flags == KIV_I2C_READ)
-            print_bytes(from.json, list.address, list.messages[i].buf, list.messages[i].len);
+    for (int i = 0; i < list.count && code == done; ++i) {
+        const kiv_i2c_message &message = list.messages[i];
+        if (message.flags != 0)
+            print_bytes(from.json, list.address, message.buf, size_of(message));
+    }
     return code;
 }
 
