@@ -16,31 +16,14 @@
 #include "kiv/sim.h"
 #include "kiv/uart.h"
 #include "require.h"
+#include "script.h"
 
 namespace {
-
-using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::size_t longest = 1029;
 constexpr unsigned refusal = ENETDOWN;
 
 std::vector<std::string> messages; // what the library has logged
-
-class Input {
-    const std::uint8_t *at_, *end_;
-
-  public:
-    Input(const std::uint8_t *data, std::size_t size) : at_(data), end_(data + size) {}
-    bool empty() const { return at_ == end_; }
-    std::uint8_t byte() { return empty() ? std::uint8_t{0} : *at_++; }
-    // An exact copy, so that a read past its end is noticed.
-    Bytes bytes(std::size_t most) {
-        const auto length = std::min(most, static_cast<std::size_t>(end_ - at_));
-        Bytes taken(at_, at_ + length);
-        at_ += length;
-        return taken;
-    }
-};
 
 // What the stream of bytes to the controller means.
 class Oracle {

@@ -16,4 +16,11 @@ inline void require(bool holds, const char *what) {
         fail(what);
 }
 
+inline void require_equal(long got, long expected, const char *what) {
+    if (got != expected) {
+        std::fprintf(stderr, "%ld instead of %ld: ", got, expected);
+        fail(what);
+    }
+}
+
 #endif
