@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <functional>
 
 #include "fixtures/serial.h"
@@ -129,6 +130,36 @@ TEST_F(Arguments, RecordsThatWereNeverOpenedAreSurvived) {
                 EXPECT_EQ(given, name == "sup_uart_RTS_Enable" ? refusal : status);
             }
         }
+    }
+}
+
+// A record that was filled in by hand, without an opening, works, and each use of it is reported.
+TEST_F(Arguments, WhatAnUnopenedRecordHoldsIsUsed) {
+    const auto take = [](UART_infos *, unsigned int) { return 0; };
+    const struct {
+        const char *function;
+        void (*fill)(UART_infos &port, int (*take)(UART_infos *, unsigned int));
+    } rows[] = {
+        {"sup_uart_Read", [](auto &port, auto) { port.read = [](auto, auto, auto) { return 1; }; }},
+        {"sup_uart_Read",
+         [](auto &port, auto) { port.kiv_linux_sfd = kiv_linux_sopen("/dev/zero", O_RDONLY); }},
+        {"sup_uart_Send", [](auto &port, auto) { port.write = [](auto, auto, auto) { return 1; }; }},
+        {"sup_uart_Sendv", [](auto &port, auto) { port.writev = [](auto, auto, auto) { return 1; }; }},
+        {"sup_uart_Change_Speed", [](auto &port, auto change) { port.change_speed = change; }},
+        {"sup_uart_Change_Parity", [](auto &port, auto change) { port.change_parity = change; }},
+        {"sup_uart_Change_StopBitsNumber", [](auto &port, auto change) { port.change_stop_bits = change; }},
+    };
+    for (const auto &[function, fill] : rows) {
+        port_ = {};
+        fill(port_, take);
+        for (const PortCall &each : port_calls) {
+            if (std::strcmp(each.function, function) == 0) {
+                EXPECT_EQ(each.call(&port_), 0) << function;
+            }
+        }
+        EXPECT_EQ(reports(), Reports({asserted(uart, function, "UART_infos->magic == 0xc0decafe")}));
+        if (port_.kiv_linux_sfd != nullptr)
+            kiv_linux_sclose(port_.kiv_linux_sfd);
     }
 }
 

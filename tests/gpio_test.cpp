@@ -201,12 +201,14 @@ TEST_F(SysfsGpio, WithoutDirectionTheLevelIsDriven) {
 }
 
 TEST_F(SysfsGpio, ReportsFollowTheLevel) {
-    for (const auto &[level, count] : {std::pair(2, 4U), {1, 3U}, {0, 1U}}) {
+    for (const auto &[level, count] : {std::pair(2, 5U), {1, 4U}, {0, 1U}}) {
         kiv_log_dyn_level_POS = level;
         select_gpio_backend(GPIO_BACKEND_SYSFS, -1);
         ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 2, EIO), 0);
         EXPECT_EQ(high(), EIO); // a message of level 2
         EXPECT_EQ(set(), EIO);  // a trace
+        ASSERT_EQ(kiv_sim_fail(KIV_SIM_WRITE, 1, 1, EIO), 0);
+        EXPECT_EQ(set(), EIO); // another
         select_gpio_backend(GPIO_BACKEND_DEV, -1);
         ASSERT_EQ(kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, EIO), 0);
         EXPECT_EQ(low(), EIO); // a trace, and a warning, which no level silences
@@ -214,20 +216,16 @@ TEST_F(SysfsGpio, ReportsFollowTheLevel) {
     }
 }
 
-// A transfer that the kernel cuts short sets no errno: the result is the errno of before.
-TEST_F(SysfsGpio, ShortTransfers) {
+// From three bytes on a direction counts as written; less is told by the errno of before.
+TEST_F(SysfsGpio, ShortWords) {
     ASSERT_EQ(high(), 0);
     const struct {
         Operation operation;
-        kiv_sim_call call;
         unsigned length;
         int result;
-    } rows[] = {{set, KIV_SIM_WRITE, 1, EDOM},
-                {input, KIV_SIM_WRITE, 2, EDOM},
-                {low, KIV_SIM_WRITE, 3, 0},
-                {read, KIV_SIM_READ, 0, -1}};
+    } rows[] = {{input, 2, EDOM}, {low, 3, 0}};
     for (const auto &row : rows) {
-        ASSERT_EQ(kiv_sim_shorten(row.call, 1, 1, row.length), 0);
+        ASSERT_EQ(kiv_sim_shorten(KIV_SIM_WRITE, 1, 1, row.length), 0);
         errno = EDOM;
         EXPECT_EQ(row.operation(), row.result) << row.length;
     }
@@ -306,13 +304,17 @@ TEST_F(GpioIrq, ClosingClosesTheInterrupt) {
     ::close(copy);
 }
 
-// Every step that fails ------------------------------------------------------------------------------------
+// Whatever goes wrong --------------------------------------------------------------------------------------
 
 kiv_gpio_irq_device irq;
 
 void select_device() {
     select_gpio_backend(GPIO_BACKEND_NONE, -1);
     EXPECT_EQ(kiv_gpio_open(), 0);
+}
+void select_driven_device() {
+    select_device();
+    EXPECT_EQ(low(), 0);
 }
 void deselect_device() {
     if (gpio_backend == GPIO_BACKEND_DEV)
@@ -321,8 +323,10 @@ void deselect_device() {
 }
 void select_files() {
     kiv_sim_sysfs_export("gpio4", 4, 1);
+    kiv_sim_sysfs_export("led", 4, 1);
     select_gpio_backend(GPIO_BACKEND_SYSFS, -1);
     EXPECT_EQ(high(), 0);
+    errno = EDOM; // a transfer that the kernel cuts short sets none: the status is the errno of before
 }
 int open_irq() {
     return kiv_gpio_irq_open(&irq, 8, KIV_SIM_EDGE_BOTH);
@@ -340,69 +344,91 @@ void close_irq() {
 
 // An opening is made again after a signal, a request is not.
 Ending refusing(const char *function, const std::string &request) {
-    return [=](kiv_sim_call call, unsigned, int error) {
-        if (call == KIV_SIM_IOCTL)
-            return Outcome{error, refused(function, request, error)};
-        return error == EINTR ? Outcome{0} : Outcome{error, refused("kiv_gpio_dev_open", open_text, error)};
+    return [=](const Point &at) {
+        if (at.is(KIV_SIM_IOCTL))
+            return Outcome{at.error, refused(function, request, at.error)};
+        if (at.is(KIV_SIM_CLOSE)) // of a number that is not to be kept
+            return Outcome{0};
+        return at.error == EINTR ? Outcome{0, {}, true}
+                                 : Outcome{at.error, refused("kiv_gpio_dev_open", open_text, at.error)};
     };
 }
-Outcome refused_read(kiv_sim_call, unsigned, int error) {
+Outcome refused_read(const Point &at) {
     const char *const function = "kiv_gpio_dev_read";
     return {-1,
-            {trace(module, function, requested("gpio_fd", "2U|1U", 1, "data", "data"), error),
+            {trace(module, function, requested("gpio_fd", "2U|1U", 1, "data", "data"), at.error),
              warned(module, function, "ret != -1")}};
 }
 
-// A close is made again after a signal as well: the kernel has closed the descriptor even so, which the
-// second attempt finds out. A failed close is only traced.
-Ending failing(const char *function, const std::string &opening, const std::string &transfer,
-               int failure = 0) {
-    return [=](kiv_sim_call call, unsigned, int error) {
-        if (call == KIV_SIM_CLOSE)
-            return Outcome{0, {trace(module, function, close_text, error == EINTR ? EBADF : error)}};
-        if (error == EINTR)
-            return Outcome{0};
-        const std::string text = repeated("rc = ", call == KIV_SIM_OPEN ? opening : transfer);
-        return Outcome{failure == 0 ? error : failure, {trace(module, function, text, error)}};
+// A close is made again after a signal as well: the kernel has closed the descriptor even so, which the next
+// attempt finds out. A failed close is only traced.
+Ending failing(const char *function, const std::string &opening, const std::string &transfer) {
+    return [=](const Point &at) {
+        const bool again = at.error == EINTR;
+        if (at.is(KIV_SIM_CLOSE))
+            return Outcome{0, {trace(module, function, close_text, again ? EBADF : at.error)}, again};
+        if (again)
+            return Outcome{0, {}, true};
+        if (!at.is(Fault::fails))
+            return Outcome{EDOM};
+        const std::string text = repeated("rc = ", at.is(KIV_SIM_OPEN) ? opening : transfer);
+        return Outcome{at.error, {trace(module, function, text, at.error)}};
     };
 }
 // The opening of a direction has a message of its own, without a line end.
-Outcome failed_direction(kiv_sim_call call, unsigned nth, int error) {
-    if (call == KIV_SIM_OPEN && error != EINTR)
-        return {
-            error,
-            {logged(2, "can't open '/sys/class/gpio/gpio4/direction':" + std::string(std::strerror(error)))}};
-    return failing("kiv_gpio_sysfs_config", "", "write(fd,\"high\",5)")(call, nth, error);
+Ending failed_direction(const std::string &pin) {
+    return [=](const Point &at) {
+        if (at.is(KIV_SIM_OPEN) && at.error != EINTR)
+            return Outcome{
+                at.error,
+                {logged(2, "can't open '/sys/class/gpio/" + pin + "/direction':" + std::strerror(at.error))}};
+        Point refused = at; // so says the kernel of a part of the word
+        if (at.is(Fault::moves_less))
+            refused = {at.call, at.nth, Fault::fails, EINVAL, at.lasting};
+        return failing("kiv_gpio_sysfs_config", "", "write(fd,\"high\",5)")(refused);
+    };
+}
+Outcome failed_level(const Point &at) {
+    Outcome outcome = failing("kiv_gpio_sysfs_read", "open(strbuf,00)", "read(fd,&buf,1)")(at);
+    outcome.status = outcome.status != 0 ? -1 : 0;
+    return outcome;
+}
+Ending failed_text(const std::string &text) {
+    return failing("kiv_gpio_sysfs_write", "open(strbuf,01)", "write(fd,\"" + text + "\",2)");
 }
 
+const Ending failed_data = refusing("kiv_gpio_dev_write", requested("gpio_fd", "1U", 2, "data", "data"));
 const Scene device = {select_device, deselect_device};
-const Scene files = {select_files, [] {}};
+const Scene driven_device = {select_driven_device, deselect_device};
+const Scene files = {select_files, nothing};
+const Scene undecided = {nothing, deselect_device};
+const Scene fresh_irq = {[] { irq.fd = -1; }, close_irq};
+const Scene closing_irq = {open_pending_irq, nothing};
 const Scene pending = {open_pending_irq, close_irq};
 
 const SweptOperation rows[] = {
-    {"open", {[] {}, deselect_device}, refusing("", ""), kiv_gpio_open},
-    {"config", device, refusing("kiv_gpio_dev_config", requested("gpio_fd", "1U", 0, "direction", "dir")),
-     low},
-    {"write",
-     {[] {
-          select_device();
-          low();
-      },
-      deselect_device},
-     refusing("kiv_gpio_dev_write", requested("gpio_fd", "1U", 2, "data", "data")),
-     clear},
-    {"read", device, refused_read, read},
-    {"config_file", files, failed_direction, high},
-    {"write_file", files, failing("kiv_gpio_sysfs_write", "open(strbuf,01)", "write(fd,\"1\",2)"), set},
-    {"read_file", files, failing("kiv_gpio_sysfs_read", "open(strbuf,00)", "read(fd,&buf,1)", -1),
-     [] { return read() == 1 ? 0 : -1; }},
-    {"irq_open",
-     {[] { irq.fd = -1; }, close_irq},
-     refusing("kiv_gpio_irq_open", requested("device->fd", "1U", 3, "irq", "data")),
-     open_irq},
-    {"irq_wait", pending, refusing("kiv_gpio_irq_wait", requested("device->fd", "1U", 5, "irq", "data")),
+    {"kiv_gpio_open", "", undecided, refusing("", ""), kiv_gpio_open},
+    {"kiv_gpio_open", "without_input", without_input(undecided), refusing("", ""), kiv_gpio_open},
+    {"kiv_gpio_close", "", device, nullptr, [] { return kiv_gpio_close(), 0; }},
+    {"kiv_gpio_config", "", device,
+     refusing("kiv_gpio_dev_config", requested("gpio_fd", "1U", 0, "direction", "dir")), low},
+    {"kiv_gpio_output_set", "", driven_device, failed_data, set},
+    {"kiv_gpio_output_clear", "", driven_device, failed_data, clear},
+    {"kiv_gpio_read", "", device, refused_read, read},
+    {"kiv_gpio_config", "file", files, failed_direction("gpio4"), high},
+    {"kiv_gpio_output_set", "file", files, failed_text("1"), set},
+    {"kiv_gpio_output_clear", "file", files, failed_text("0"), clear},
+    {"kiv_gpio_read", "file", files, failed_level, [] { return read() == 1 ? 0 : -1; }},
+    {"kiv_gpio_n_config", "", files, failed_direction("led"), changes[0].by_name},
+    {"kiv_gpio_n_output_set", "", files, failed_text("1"), changes[2].by_name},
+    {"kiv_gpio_n_output_clear", "", files, failed_text("0"), changes[3].by_name},
+    {"kiv_gpio_n_read", "", files, failed_level, [] { return kiv_gpio_n_read("led") == 1 ? 0 : -1; }},
+    {"kiv_gpio_irq_open", "", fresh_irq,
+     refusing("kiv_gpio_irq_open", requested("device->fd", "1U", 3, "irq", "data")), open_irq},
+    {"kiv_gpio_irq_wait", "", pending,
+     refusing("kiv_gpio_irq_wait", requested("device->fd", "1U", 5, "irq", "data")),
      [] { return kiv_gpio_irq_wait(&irq); }},
-    {"irq_close", {open_pending_irq, [] {}}, unnoticed, [] { return kiv_gpio_irq_close(&irq); }},
+    {"kiv_gpio_irq_close", "", closing_irq, unnoticed, [] { return kiv_gpio_irq_close(&irq); }},
 };
 
 INSTANTIATE_TEST_SUITE_P(Gpio, FaultSweep, ::testing::ValuesIn(rows), row_name);

@@ -1,9 +1,7 @@
 // The HCI transport on the simulated board: opening, the byte stream in both directions, signals, errors.
 
-#include <atomic>
 #include <cerrno>
 #include <sys/socket.h>
-#include <thread>
 
 #include "fixtures/fault_sweep.h"
 #include "fixtures/hci.h"
@@ -176,6 +174,7 @@ const Bytes packets[] = {hci_reset, command(1), command(255), acl(0),  acl(3),
                          acl(1024), sco(0),     sco(2),       sco(255)};
 
 TEST_F(OpenHci, PacketsCutAnywhereGoOutOnceAndWhole) {
+    EXPECT_EQ(port.write(&port, "", 0), 0); // nothing is no packet
     Bytes stream;
     for (const Bytes &packet : packets) {
         stream = stream + packet;
@@ -296,80 +295,82 @@ TEST_F(OpenHci, AfterAFailedReadTheNextOneReadsTheSocket) {
     }
 }
 
-TEST_F(OpenHci, AReaderAndAWriterDoNotDisturbEachOther) {
-    constexpr std::size_t rounds = 400;
-    std::atomic<std::size_t> echoed{0};
-    std::thread writer([&] {
-        for (std::size_t i = 0; i < rounds; ++i) {
-            const Bytes packet = acl(i * 13 % 1025);
-            const std::size_t cut = 1 + i % (packet.size() - 1);
-            EXPECT_EQ(send(part(packet, 0, cut)), 0);
-            EXPECT_EQ(send(part(packet, cut)), 0);
-            while (i >= echoed + 50) // the socket's queue loses what it cannot hold
-                std::this_thread::yield();
-        }
-    });
-    const Bytes freed = {4, 0x13, 5, 1, 0x2a, 0, 1, 0};
-    for (; echoed < rounds && !HasFailure(); ++echoed) {
-        EXPECT_EQ(read(freed.size()), freed);
-        const Bytes packet = acl(echoed * 13 % 1025);
-        EXPECT_EQ(read(1), part(packet, 0, 1));
-        EXPECT_EQ(read(packet.size() - 1), part(packet, 1));
-    }
-    echoed = rounds;
-    writer.join();
-    EXPECT_EQ(state_of().lost, 0u);
-}
+// Whatever goes wrong -----------------------------------------------------------------------------------
 
-// Every step that fails --------------------------------------------------------------------------------
-
-// With a packet to read.
-void open_with_packet() {
+// With packets to read: of one that is read in part, the rest is lost.
+void open_with_packets() {
     EXPECT_EQ(open_swept("hci0"), 0);
-    controller_sends(event(1));
+    for (int i = 0; i < 4; ++i)
+        controller_sends(event(1));
 }
 void close_and_clear() {
     close_swept();
     packets_of_host();
 }
 
-Outcome failed_opening(kiv_sim_call call, unsigned nth, int error) {
-    switch (call) {
+int open_controller() {
+    sup_uart_Prepare(&swept_port, nullptr);
+    return sup_uart_Opened(&swept_port, pos_open_bt(&swept_port, "hci0", 0));
+}
+
+Outcome failed_opening(const Point &at) {
+    switch (at.call) {
+    case KIV_SIM_CLOSE: // of a number that is not to be kept
+        return {0};
     case KIV_SIM_SOCKET:
-        return {error,
-                {device_trace("fd = socket(31, SOCK_RAW, 1)", error), opening_trace(no_device, error)}};
+    case KIV_SIM_DUP:
+        return {at.error,
+                {device_trace("fd = socket(31, SOCK_RAW, 1)", at.error), opening_trace(no_device, at.error)}};
     case KIV_SIM_BIND:
-        return {error,
-                {device_trace("ret = bind(fd, (struct sockaddr *) &addr, sizeof(addr))", error),
-                 opening_trace(no_device, error)}};
+        return {at.error,
+                {device_trace("ret = bind(fd, (struct sockaddr *) &addr, sizeof(addr))", at.error),
+                 opening_trace(no_device, at.error)}};
     case KIV_SIM_SETSOCKOPT:
-        return {error,
-                {opening_trace("ret = setsockopt(UART_infos->fd, 0, 2, &filter, sizeof(filter))", error)}};
+        return {at.error,
+                {opening_trace("ret = setsockopt(UART_infos->fd, 0, 2, &filter, sizeof(filter))", at.error)}};
     default: // down, raw mode, up
-        if (nth == 2)
-            return {error, {opening_trace(request_text(220, "1"), error), raw_assertion}};
-        return {error, {opening_trace(request_text(nth == 1 ? 202 : 201, "dev_id"), error)}};
+        if (at.nth == 2)
+            return {at.error, {opening_trace(request_text(220, "1"), at.error), raw_assertion}};
+        return {at.error, {opening_trace(request_text(at.nth == 1 ? 202 : 201, "dev_id"), at.error)}};
     }
+}
+Outcome reading(const Point &at) {
+    if (at.is(Fault::moves_less))
+        return {0};
+    return {at.is(Fault::fails) ? at.error : EIO, failed_read(at.error)};
+}
+// The kernel refuses a part of a packet. One that it has not taken is over all the same.
+int write_error(const Point &at) {
+    return at.is(Fault::moves_less) ? EINVAL : at.error;
+}
+Outcome writing(const Point &at) {
+    const int error = write_error(at);
+    return error != 0 ? Outcome{error, failed_write(error)} : Outcome{0};
+}
+Outcome gathering(const Point &at) {
+    const int error = write_error(at);
+    const Reports failed = failed_sendv(error);
+    if (error == 0)
+        return {0, {failed[1]}};
+    return error == EINTR ? Outcome{0, each_time(at, failed[0]), true} : Outcome{error, failed};
 }
 
 const iovec swept_piece = {const_cast<std::uint8_t *>(hci_reset.data()), 4};
-const Scene opened = {open_with_packet, close_and_clear};
+const Scene fresh = {nothing, close_swept};
+const Scene untraced = {[] { kiv_log_dyn_level_uart_bt = 0; }, [] { kiv_log_dyn_level_uart_bt = 3; }};
+const Scene opened = {open_with_packets, close_and_clear};
 
 const SweptOperation rows[] = {
-    {"open", {[] {}, close_swept}, failed_opening, [] { return open_swept("hci0"); }},
-    {"Read", opened, repeating([](auto, auto, int error) {
-         return Outcome{error, failed_read(error)};
-     }),
-     [] { return read_swept(4); }},
-    {"Send", opened, repeating([](auto, auto, int error) {
-         return Outcome{error, failed_write(error)};
-     }),
+    {"pos_open_bt", "", fresh, failed_opening, open_controller},
+    {"pos_open_bt", "without_input", without_input(fresh), failed_opening, open_controller},
+    {"pos_open_bt_syspath", "", untraced, nullptr,
+     [] { return pos_open_bt_syspath(&swept_port, "/sys", 0) + EINVAL; }},
+    {"sup_uart_Read", "", opened, repeating(reading), [] { return read_swept(4); }},
+    {"sup_uart_Send", "", opened, repeating(writing),
      [] { return sup_uart_Send(&swept_port, hci_reset.data(), 4); }},
-    {"Sendv", opened,
-     [](auto, auto, int error) {
-         return Outcome{error == EINTR ? 0 : error, failed_sendv(error)};
-     },
+    {"sup_uart_Sendv", "", opened, gathering,
      [] { return sup_uart_Sendv(&swept_port, &swept_piece, 1, &swept_length); }},
+    {"sup_uart_close", "", opened, unnoticed, close_swept_port},
 };
 
 INSTANTIATE_TEST_SUITE_P(Hci, FaultSweep, ::testing::ValuesIn(rows), row_name);

@@ -137,15 +137,6 @@ TEST_F(I2c, AnAbsentSlaveIsNotReported) {
     }
 }
 
-TEST_F(I2c, ReturnsAShortCountAsItIs) {
-    for (const Way &way : ways) {
-        kiv_sim_shorten(way.call, 1, 1, 2);
-        EXPECT_EQ(way.move(&clock_, contents_.data(), 5), 2);
-        EXPECT_EQ(way.move(&clock_, contents_.data(), 0), 0);
-        EXPECT_EQ(kiv_sim_calls(way.call), 2U);
-    }
-}
-
 // Combined transfers --------------------------------------------------------------------------------------
 
 TEST_F(I2c, ReadsRegistersInOneSystemCall) {
@@ -244,51 +235,62 @@ TEST_F(I2c, NeedsTxToBeServedAndCloseByItself) {
     clock_.close = nullptr;
 }
 
-// Every step that fails -----------------------------------------------------------------------------------
+// Whatever goes wrong
+// ----------------------------------------------------------------------------------------
 
 kiv_i2c_device swept;
-std::uint8_t byte;
-kiv_i2c_message one_message = {&byte, 1, KIV_I2C_READ};
+std::uint8_t bytes[4];
+kiv_i2c_message one_message = {bytes, 4, KIV_I2C_READ};
 
-void open_swept() {
+void open_device() {
     EXPECT_EQ(kiv_i2c_open(&swept, nullptr, KIV_SIM_I2C_CLOCK), 0);
 }
-void close_swept() {
+void close_device() {
     if (swept.fd != 0)
         kiv_i2c_close(&swept);
     swept = {};
 }
 
-Outcome failed_opening(kiv_sim_call call, unsigned, int error) {
-    return {error,
-            traced_and_warned("kiv_i2c_open", call == KIV_SIM_OPEN ? text_of_open : text_of_address, error)};
+Outcome failed_opening(const Point &at) {
+    if (at.is(KIV_SIM_CLOSE))
+        return {0};
+    const std::string &text = at.is(KIV_SIM_IOCTL) ? text_of_address : text_of_open;
+    return {at.error, traced_and_warned("kiv_i2c_open", text, at.error)};
 }
-Outcome failed_closing(kiv_sim_call, unsigned, int error) {
-    return {0, traced_and_warned("kiv_i2c_close", "ret = close(device->fd)", error)};
+Outcome failed_closing(const Point &at) {
+    return {0, traced_and_warned("kiv_i2c_close", "ret = close(device->fd)", at.error)};
 }
-// A transfer that was interrupted is made again, and both are traced.
+// A transfer that was interrupted is made again, and each attempt traced; a short count is passed on.
+constexpr int none = -1;
+
 template <int way>
-Outcome failed_transfer(kiv_sim_call, unsigned, int error) {
-    return {error == EINTR ? 0 : -1, {trace(module_path, ways[way].function, ways[way].text, error)}};
+Outcome failed_transfer(const Point &at) {
+    if (!at.is(Fault::fails))
+        return {at.is(Fault::moves_less) ? 1 : none};
+    const std::string traced = trace(module_path, ways[way].function, ways[way].text, at.error);
+    return at.error == EINTR ? Outcome{0, each_time(at, traced), true} : Outcome{none, {traced}};
 }
 template <int way>
 int transfer() {
-    return ways[way].move(&swept, &byte, 1) == 1 ? 0 : -1;
+    const int moved = ways[way].move(&swept, bytes, 4);
+    return moved == 4 ? 0 : moved == 0 ? none : moved;
 }
 
-const Scene opened = {open_swept, close_swept};
+const Scene fresh = {nothing, close_device};
+const Scene closing = {open_device, [] { swept = {}; }};
+const Scene opened = {open_device, close_device};
 
 const SweptOperation rows[] = {
-    {"open",
-     {[] {}, close_swept},
-     failed_opening,
+    {"kiv_i2c_open", "", fresh, failed_opening,
      [] { return kiv_i2c_open(&swept, nullptr, KIV_SIM_I2C_CLOCK); }},
-    {"close", {open_swept, [] { swept = {}; }}, failed_closing, [] { return kiv_i2c_close(&swept), 0; }},
-    {"tx", opened, failed_transfer<0>, transfer<0>},
-    {"rx", opened, failed_transfer<1>, transfer<1>},
-    {"msg", opened,
-     [](auto, auto, int error) {
-         return Outcome{error, {failed_request(error)}};
+    {"kiv_i2c_open", "without_input", without_input(fresh), failed_opening,
+     [] { return kiv_i2c_open(&swept, nullptr, KIV_SIM_I2C_CLOCK); }},
+    {"kiv_i2c_close", "", closing, failed_closing, [] { return kiv_i2c_close(&swept), 0; }},
+    {"kiv_i2c_tx", "", opened, failed_transfer<0>, transfer<0>},
+    {"kiv_i2c_rx", "", opened, failed_transfer<1>, transfer<1>},
+    {"kiv_i2c_msg", "", opened,
+     [](const Point &at) {
+         return Outcome{at.error, {failed_request(at.error)}};
      },
      [] { return kiv_i2c_msg(&swept, &one_message, 1); }},
 };

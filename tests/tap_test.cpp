@@ -114,16 +114,6 @@ TEST_F(Tap, WritesHeaderAndPayloadAsOneFrame) {
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_WRITEV), 2u);
 }
 
-TEST_F(Tap, RepeatsInterruptedTransfers) {
-    open_up();
-    send_from_kernel("kiv0", frame_of(60, experimental));
-    kiv_sim_fail(KIV_SIM_READV, 1, 3, EINTR);
-    kiv_sim_fail(KIV_SIM_WRITEV, 1, 3, EINTR);
-    EXPECT_EQ(read(), 46);
-    EXPECT_EQ(write(), 46);
-    EXPECT_EQ(kiv_sim_faults_fired(), 6u);
-}
-
 // The machine's kernel -----------------------------------------------------------------------------------
 
 TEST_F(Tap, IsAnInterfaceOfTheMachinesKernel) {
@@ -160,7 +150,7 @@ TEST_F(Tap, IsAnInterfaceOfTheMachinesKernel) {
     }
 }
 
-// Every step that fails ----------------------------------------------------------------------------------
+// Whatever goes wrong ------------------------------------------------------------------------------------
 
 std::int32_t swept;
 std::uint8_t room[KIV_ETH_HEADER_SIZE + 46];
@@ -171,48 +161,53 @@ void set_up_board() {
     kiv_log_dyn_level_POS = 1;
     swept = untouched;
 }
-int open_swept() {
+int open_tap() {
     return kiv_eth_open(&swept, "kiv0", station);
 }
 void open_with_frame() {
     set_up_board();
-    EXPECT_EQ(open_swept(), 0);
+    EXPECT_EQ(open_tap(), 0);
     kiv_sim_tap_set_up("kiv0", 1);
     send_from_kernel("kiv0", frame_of(60, experimental));
 }
-void close_swept() {
+void close_tap() {
     if (swept != untouched)
         kiv_eth_close(&swept);
     kiv_log_dyn_level_POS = 3;
 }
 
-Outcome failed_opening(kiv_sim_call call, unsigned nth, int) {
-    if (call == KIV_SIM_OPEN)
+Outcome failed_opening(const Point &at) {
+    if (at.is(KIV_SIM_CLOSE)) // of a number that is not to be kept
+        return {0};
+    if (!at.is(KIV_SIM_IOCTL))
         return {-ENODEV};
-    return {-ENODEV, nth == 1 ? refused_name : refused_address("MAC address = ", "02 11 22 33 44 AF ")};
+    return {-ENODEV, at.nth == 1 ? refused_name : refused_address("MAC address = ", "02 11 22 33 44 AF ")};
 }
-Outcome failed_transfer(kiv_sim_call, unsigned, int error) {
-    return {-error};
+constexpr std::size_t part_of_frame = 20;
+
+Outcome failed_closing(const Point &) {
+    return {-1};
+}
+// A frame's beginning is a success, and counted without the header.
+Outcome failed_transfer(const Point &at) {
+    return {at.is(Fault::moves_less) ? static_cast<int>(part_of_frame) - KIV_ETH_HEADER_SIZE : -at.error};
+}
+int moved(int payload) {
+    return payload == 46 ? 0 : payload;
 }
 
-const Scene opened = {open_with_frame, close_swept};
+const Scene fresh = {set_up_board, close_tap};
+const Scene closing = {open_with_frame, [] { kiv_log_dyn_level_POS = 3; }};
+const Scene opened = {open_with_frame, close_tap};
 
 const SweptOperation rows[] = {
-    {"open", {set_up_board, close_swept}, failed_opening, open_swept},
-    {"close",
-     {open_with_frame, [] { swept = untouched; }},
-     [](auto, auto, auto) { return Outcome{-1}; },
-     [] { return kiv_eth_close(&swept); }},
-    {"read", opened, repeating(failed_transfer),
-     [] {
-         const int got = kiv_eth_read(&swept, room, room + KIV_ETH_HEADER_SIZE, 46);
-         return got == 46 ? 0 : got;
-     }},
-    {"write", opened, repeating(failed_transfer),
-     [] {
-         const int got = kiv_eth_write(&swept, room, room + KIV_ETH_HEADER_SIZE, 46);
-         return got == 46 ? 0 : got;
-     }},
+    {"kiv_eth_open", "", fresh, failed_opening, open_tap},
+    {"kiv_eth_open", "without_input", without_input(fresh), failed_opening, open_tap},
+    {"kiv_eth_close", "", closing, failed_closing, [] { return kiv_eth_close(&swept); }},
+    {"kiv_eth_read", "", opened, repeating(failed_transfer),
+     [] { return moved(kiv_eth_read(&swept, room, room + KIV_ETH_HEADER_SIZE, 46)); }, part_of_frame},
+    {"kiv_eth_write", "", opened, repeating(failed_transfer),
+     [] { return moved(kiv_eth_write(&swept, room, room + KIV_ETH_HEADER_SIZE, 46)); }, part_of_frame},
 };
 
 INSTANTIATE_TEST_SUITE_P(Tap, FaultSweep, ::testing::ValuesIn(rows), row_name);

@@ -194,14 +194,6 @@ TEST_F(UartLine, StreamPortsAreLeftAloneUnlessTheyHaveASlot) {
     }
 }
 
-TEST_F(UartLine, BreakAndLateCallbacksAreNotThere) {
-    for (UART_infos *port : {static_cast<UART_infos *>(nullptr), &port_}) {
-        EXPECT_EQ(sup_uart_Set_Break(port), ENOSYS);
-        EXPECT_EQ(sup_uart_Reset_Break(port), ENOSYS);
-        EXPECT_EQ(sup_uart_Register_Status_Callback(port, nullptr), ENOSYS);
-    }
-}
-
 // Closing ---------------------------------------------------------------------------------------------------
 
 // Its values stay, but what it is used for by mistake fails and hits nobody.

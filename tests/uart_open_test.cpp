@@ -5,6 +5,7 @@
 #include <fcntl.h>
 
 #include "fixtures/serial.h"
+#include "fixtures/unix_service.h"
 
 namespace kiv::test {
 namespace {
@@ -130,6 +131,39 @@ TEST_F(UartOpen, ConnectedIsCalledOnceBeforeTheRecordCountsAsOpen) {
     open(); // without callbacks: the old ones are forgotten
     EXPECT_EQ(seen.count, 2U);
     close();
+}
+
+// Descriptors, and objects on the heap. What a module keeps for all its ports is there after the first
+// opening.
+TEST_F(UartOpen, AnOpenPortHoldsNoMoreThanItsData) {
+    UnixService service(own_name("held"));
+    service.start();
+    const std::string local = "unix:" + service.name();
+    const bool counts = kiv_sim_reaches(KIV_SIM_MALLOC) != 0;
+    const auto objects = [] { return kiv_sim_calls(KIV_SIM_MALLOC) + kiv_sim_calls(KIV_SIM_CALLOC); };
+    const auto open_port = [this](const char *name) {
+        ASSERT_EQ(sup_uart_Init(&port_, name, UART_SPEED_115200, 0), 0);
+    };
+    struct Row {
+        const char *name;
+        std::size_t descriptors, of_board; // what the board keeps open for its device, too
+        unsigned objects;
+    };
+    // A tty has a pipe that cancels its reads; the object holds both. The object of a Unix port is its
+    // address.
+    const Row rows[] = {{tty_path, 3, 2, 1}, {"tcp:", 1, 0, 0}, {local.c_str(), 1, 0, 1}, {"hci0", 1, 1, 0}};
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        open_port(row.name);
+        close();
+        const std::size_t descriptors = open_descriptors().size();
+        const unsigned before = objects();
+        open_port(row.name);
+        const unsigned made = objects() - before;
+        EXPECT_EQ(made, counts ? row.objects : 0U);
+        EXPECT_EQ(open_descriptors().size() - descriptors, row.descriptors + row.of_board);
+        close();
+    }
 }
 
 } // namespace
