@@ -1,13 +1,14 @@
 /*
  * Makes a TAP interface and asks over it who has an IPv4 address, as another machine on its wire would:
  *
- *     tap_arp eth%d 192.0.2.1
+ *     tap_arp eth%d 192.0.2.1 [SECONDS]
  *
  * and, while it waits, in another shell (the kernel answers for its own addresses):
  *
  *     ip address add 192.0.2.1/24 dev eth0 && ip link set eth0 up
  *
- * It asks once a second, ten times, and prints the hardware address that answers. CAP_NET_ADMIN is needed.
+ * It asks once a second, ten times unless SECONDS are given, and prints the hardware address that answers.
+ * CAP_NET_ADMIN is needed.
  */
 #define _POSIX_C_SOURCE 200809L
 #include <arpa/inet.h>
@@ -15,7 +16,9 @@
 #include <poll.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 #include <kiv/network.h>
 
@@ -59,8 +62,8 @@ int main(int argc, char **argv) {
     struct in_addr wanted;
     uint8_t sender[6];
     int32_t tap;
-    if (argc != 3 || inet_pton(AF_INET, argv[2], &wanted) != 1) {
-        fprintf(stderr, "usage: tap_arp interface address\n");
+    if (argc < 3 || argc > 4 || inet_pton(AF_INET, argv[2], &wanted) != 1) {
+        fprintf(stderr, "usage: tap_arp INTERFACE ADDRESS [SECONDS]\n");
         return 2;
     }
     if (kiv_eth_open(&tap, argv[1], interface_address) != 0) {
@@ -69,13 +72,15 @@ int main(int argc, char **argv) {
                 argv[1]);
         return 1;
     }
-    fprintf(stderr, "waiting for %s to answer, ten seconds at most\n", argv[2]);
-    for (int asked = 0; asked < 10; ++asked) {
+    const int seconds = argc > 3 ? (int)strtol(argv[3], NULL, 10) : 10;
+    const time_t end = time(NULL) + seconds;
+    fprintf(stderr, "waiting for %s to answer, %d s at most\n", argv[2], seconds);
+    while (time(NULL) < end) {
         const int sent = ask(tap, wanted);
         if (sent < 0 && sent != -EIO) /* EIO: the interface is not up yet */
             fprintf(stderr, "asking: %s\n", strerror(-sent));
         struct pollfd entry = {.fd = tap, .events = POLLIN};
-        while (poll(&entry, 1, 1000) > 0)
+        while (poll(&entry, 1, 1000) > 0 && time(NULL) <= end)
             if (is_answer(tap, wanted, sender)) {
                 printf("%s is at %02x:%02x:%02x:%02x:%02x:%02x\n", argv[2], sender[0], sender[1], sender[2],
                        sender[3], sender[4], sender[5]);

@@ -11,7 +11,7 @@ cd "$DEMO_WORK" || exit
 row() {
     local area=$1 program=$2 text
     shift 2
-    text=$(timeout 20 "$DEMO_BIN/${program}_on_board" "$@") || die "$program failed"
+    text=$(timeout 20 "$DEMO_BIN/${program}_on_board" "$@" 2>errors) || die "$program failed: $(cat errors)"
     while read -r line; do
         printf '%-12s %s\n' "$area" "$line"
         area=''
@@ -26,7 +26,7 @@ row 'identity' board_info secret.dat
 row 'I2C' i2c_clock 5
 
 export KIV_SIM_WIRES=3=4
-row 'GPIO' gpio_button 3 4
+row 'GPIO' gpio_button 4 10 3
 
 # Whoever is at the far end of the USB link answers a line with a line.
 export KIV_SIM_TTY0=$PWD/usb

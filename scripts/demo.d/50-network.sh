@@ -14,7 +14,8 @@ for way in 'unshare --net' 'unshare --map-root-user --net'; do
 done
 
 # side ROLE BLUETOOTH-ADDRESS IP-ADDRESS: one host with its bridge, in a namespace of its own. The one that
-# connects pings the other, and takes its bridge down afterwards, which ends the other's as well.
+# connects pings the other as soon as that is up, and takes its bridge down afterwards, which ends the other's as
+# well.
 side() {
     # shellcheck disable=SC2016,SC2086
     exec timeout 20 $namespace bash -c '
@@ -26,6 +27,7 @@ side() {
         ip link set bnep up
         : >"$1.ready"
         if [ "$1" = connect ]; then
+            until test -e listen.ready; do sleep 0.02; done
             ping -c 3 -i 0.2 -W 5 10.77.0.1
             kill $!
         fi
@@ -53,7 +55,6 @@ if [[ -n $namespace ]]; then
 the kernel of one pings the other's.
 "
     background side listen 02:00:00:00:00:01 10.77.0.1
-    wait_until 'the bridge that listens' test -e listen.ready -a -S radio
     (side connect 02:00:00:00:00:02 10.77.0.2) >ping.log 2>&1 || die "no ping came through: $(cat ping.log)"
     sed -n 's/^/    /; /bytes from/p; /packets/p' ping.log
     show_frames connect.frames
@@ -62,7 +63,6 @@ else
 '
     KIV_SIM_TUN=10.77.0.1 background timeout 20 "$DEMO_BIN/bnep_bridge_on_board" listen radio 02:00:00:00:00:01 \
         >listen.frames 2>listen.log
-    wait_until 'the bridge that listens' test -S radio
     KIV_SIM_TUN=10.77.0.2 KIV_SIM_TUN_PING=10.77.0.1 background timeout 20 "$DEMO_BIN/bnep_bridge_on_board" connect radio \
         02:00:00:00:00:02 >connect.frames 2>connect.log
     # An ARP request and its answer, three echo requests and their answers.
