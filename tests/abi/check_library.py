@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Checks the built library against what the project promises of it: names, linkage, size."""
+"""Checks what is built against what the project promises of it: the library's names, linkage and size, and the
+hardening of each library and program."""
 import argparse
 import os
 import re
@@ -58,20 +59,28 @@ def check_exports(args):
 
 def needed_complaints(args):
     needed = re.findall(r"\(NEEDED\).*\[(.*)\]", readelf(args, "-d"))
-    return [] if sorted(needed) == ["libc.so.6", "libkiv-core.so.1"] else [f"NEEDED is {needed}"]
+    return [] if sorted(needed) in (["libc.so.6", "libkiv-core.so.1"], ["libc.so", "libkiv-core.so.1"]) else [f"NEEDED is {needed}"]
 
 
-def hardening_complaints(args):
+def check_hardening(args):
+    """A library binds its names when it is loaded; a program when it needs them, but for that it is guarded."""
     dynamic = readelf(args, "-d")
     segments = readelf(args, "-l")
     stack = re.search(r"GNU_STACK.*", segments)
+    program = "INTERP" in segments
+    guards = {name for name, section, _ in dynamic_symbols(args) if section == "UND" and name.endswith(("_chk", "_chk_fail"))}
+    allowed = r"(?!\$ORIGIN(/[\w./-]+)?\])" if args.run_path else ""
     return [text for wrong, text in (
         ("TEXTREL" in dynamic, "there are text relocations"),
-        ("BIND_NOW" not in dynamic, "symbols are bound lazily"),
         ("GNU_RELRO" not in segments, "nothing is read-only after relocation"),
         (stack is None or "E" in stack.group().split()[6], "the stack is executable"),
-        (re.search(r"\[libkiv-drivers\.so\.1\]", dynamic) is None, "the soname is not libkiv-drivers.so.1"),
-        (re.search(r"\(R(UN)?PATH\).*\[(?!\$ORIGIN\])", dynamic) is not None, "it carries a run path"),
+        (re.search(r"LOAD.* RWE ", segments), "a segment is writable and executable"),
+        (re.search(r"\(R(UN)?PATH\).*\[" + allowed, dynamic), "it carries a run path"),
+        (os.stat(args.elf).st_mode & 0o6022, "it runs as somebody else, or others may write it"),
+        (not program and "BIND_NOW" not in dynamic, "symbols are bound lazily"),
+        (program and not re.search(r"FLAGS_1.*\bPIE\b", dynamic), "it is no position-independent program"),
+        (program and args.guarded and "__stack_chk_fail" not in guards, "the stack is not protected"),
+        (program and args.guarded and len(guards) < 2, "_FORTIFY_SOURCE is off"),
     ) if wrong]
 
 
@@ -96,8 +105,9 @@ def relocation_complaints(args):
 
 
 def check_linkage(args):
-    return (needed_complaints(args) + hardening_complaints(args) + start_up_complaints(args)
-            + relocation_complaints(args))
+    soname = re.search(r"\[libkiv-drivers\.so\.1\]", readelf(args, "-d"))
+    return (needed_complaints(args) + ([] if soname else ["the soname is not libkiv-drivers.so.1"])
+            + start_up_complaints(args) + relocation_complaints(args))
 
 
 def check_size(args):
@@ -115,16 +125,19 @@ def check_size(args):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("check", choices=("exports", "linkage", "size"))
-    parser.add_argument("elf", metavar="library")
+    parser.add_argument("check", choices=("exports", "linkage", "size", "hardening"))
+    parser.add_argument("elf", metavar="file")
     parser.add_argument("--readelf", default="readelf")
     parser.add_argument("--strip", default="strip")
     parser.add_argument("--cc", default="cc", help="the C compiler and its options")
     parser.add_argument("--map")
     parser.add_argument("--include")
     parser.add_argument("--limit", type=int, help="bytes that the stripped file may have")
+    parser.add_argument("--run-path", action="store_true", help="a run path may lead from the file's place")
+    parser.add_argument("--guarded", action="store_true", help="a program has a stack protector and _FORTIFY_SOURCE")
     args = parser.parse_args()
-    complaints = {"exports": check_exports, "linkage": check_linkage, "size": check_size}[args.check](args)
+    complaints = {"exports": check_exports, "linkage": check_linkage, "size": check_size,
+                  "hardening": check_hardening}[args.check](args)
     print("\n".join(complaints) or "as promised")
     return 1 if complaints else 0
 

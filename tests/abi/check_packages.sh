@@ -39,6 +39,10 @@ check_architecture() { # check_architecture NAME PRESET
     else
         install -m 755 /dev/null /usr/bin/kivctl
     fi
+    local file
+    for file in $(dpkg -L libkiv-core1 libkiv-drivers1 kiv-tools kiv-sim | grep -E '/bin/|\.so[.0-9]*$'); do
+        [[ -L $file ]] || python3 tests/abi/check_library.py hardening "$file" --guarded || fail "$file"
+    done
     systemd-analyze verify --man=no kivctl-bridge@x.service
     systemd-analyze security --offline=true --threshold=20 kivctl-bridge@x.service | tail -n 1
     dpkg-query -S /usr/bin/kivctl || rm /usr/bin/kivctl

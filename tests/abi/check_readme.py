@@ -69,4 +69,5 @@ def check_recipes(readme):
     assert Path("/path/of/the/image/usr/lib/libkiv-drivers.so.1").exists(), "the image has no library"
 
 
-{"program": check_program, "recipes": check_recipes}[sys.argv[1]](*sys.argv[2:])
+if __name__ == "__main__":
+    {"program": check_program, "recipes": check_recipes}[sys.argv[1]](*sys.argv[2:])
