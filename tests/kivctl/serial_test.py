@@ -88,7 +88,8 @@ def look_at_info():
 
 
 def look_at_info_of_ttys():
-    fails("serial info /dev/null", 4, "it is no tty")
+    for name in "/dev/null", "tcp:5000", "hci0":
+        fails(f"serial info {name}", 4, "it is no tty")
     line = Line()
     state = json.loads(run(f"serial info {line.name} --json"))
     check(state["parity"] == "none" and state["data_bits"] == 8 and "asked" not in state, state)

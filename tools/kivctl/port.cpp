@@ -227,6 +227,14 @@ exit_code open_port(UART_infos &port, const char *name, const line_settings &set
     return done;
 }
 
+bool names_tty(const char *name) {
+    constexpr const char *others[] = {"hci", "tcp:", "tcpout:", "unix:", "gpsdemux:"};
+    for (const char *prefix : others)
+        if (begins(name, prefix))
+            return false;
+    return true;
+}
+
 // Sending ------------------------------------------------------------------------------------------------
 
 void finish_sending(UART_infos &port) {

@@ -26,6 +26,9 @@ enum class peer { any_time, needed };
 // other end of another stream: what is written before would be lost. Says what went wrong.
 exit_code open_port(UART_infos &port, const char *name, const line_settings &settings, peer wanted);
 
+// Whether a name is that of a tty, whatever is there.
+bool names_tty(const char *name);
+
 inline bool is_tty(const UART_infos &port) {
     return (port.flags & UART_FLAG_STREAM) == 0;
 }

@@ -87,6 +87,8 @@ exit_code open_for_info(const request &from, uint32_t &asked, int &fd) {
     const char *name = from.arguments[0];
     if (!from.has('b') && !from.has('p') && !from.has('s') && !from.has('f') && !from.has('r')) {
         name_device(name);
+        if (!names_tty(name))
+            return done; // and nothing to look at
         fd = open(name, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
         return fd != -1 ? done : fail("opening", errno);
     }
