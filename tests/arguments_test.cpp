@@ -111,6 +111,7 @@ TEST_F(Arguments, RecordsThatWereNeverOpenedAreSurvived) {
             port_ = {};
             port_.fd = fd;
             count = 1;
+            errno = 0;
             const int given = call(&port_);
             const Reports seen = reports();
             if (closes) { // does not look at the magic
