@@ -205,9 +205,10 @@ TEST_P(Dropping, AWriterTriesOnceWhileNobodyIsThere) {
     const Peer peer = connect();
     far->stop();
     lose(peer);
-    const unsigned attempts = kiv_sim_calls(KIV_SIM_CONNECT);
+    const unsigned attempts = kiv_sim_calls(KIV_SIM_CONNECT), sent = kiv_sim_calls(sends);
     EXPECT_EQ(send("dropped"), 0);
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_CONNECT), attempts + (transport == tcp_server ? 0 : 1));
+    EXPECT_EQ(kiv_sim_calls(sends), sent) << "nothing is sent on what is not connected";
     EXPECT_EQ(pauses(), 0U);
     far->start();
     expect_served_by(connect_by_writing());
