@@ -105,8 +105,11 @@ TEST_P(Reconnect, AClosedPortIsClosedForItsPeerAndForGood) {
     EXPECT_EQ(sup_uart_close(&port), 0);
     EXPECT_EQ(peer.receive(1), "");
     EXPECT_EQ(sup_uart_close(&port), 0); // by mistake
+    errno = 0;
     EXPECT_EQ(error_of(port.write(&port, "x", 1)), EBADF);
-    EXPECT_TRUE(port.fd == -1 && port.priv == nullptr);
+    errno = 0;
+    EXPECT_EQ(error_of(port.read(&port, nullptr, 1)), EBADF);
+    EXPECT_TRUE(port.fd == -1 && port.fd_listen == 0 && port.priv == nullptr && port.writev == nullptr);
 }
 
 TEST_P(Reconnect, ShortTransfersAreContinued) {

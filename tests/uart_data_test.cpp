@@ -302,6 +302,7 @@ TEST_F(UartData, TimedReadLooksAtTheDescriptorBeforeEveryWait) {
             return static_cast<int>(kiv_linux_sread(port->kiv_linux_sfd, buffer, length));
         };
         const unsigned waits = kiv_sim_calls(KIV_SIM_SELECT);
+        errno = 0;
         EXPECT_EQ(read_timed(&port_, buffer_, &(length_ = 9)), row.status);
         EXPECT_EQ(length_, row.length);
         EXPECT_EQ(kiv_sim_calls(KIV_SIM_SELECT), waits + row.waits);
