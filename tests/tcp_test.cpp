@@ -66,15 +66,19 @@ TEST_F(TcpTest, OtherNamesAreRefused) {
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_SOCKET), 0U);
 }
 
+// Neither a TCP port's, nor a Unix port's, which nobody serves.
 TEST_F(TcpTest, WhatAnUnclearedRecordHeldIsNobodysState) {
     const int others = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    std::memset(static_cast<void *>(&port), 0xA5, sizeof port);
-    port.fd = others;
-    port.priv = &port;
-    port.status_cb = {};
-    ASSERT_EQ(sup_uart_Opened(&port, pos_open_tcp(&port, "tcp:", 0)), 0);
-    expect_served_by(join());
-    close();
+    for (const bool is_tcp : {true, false}) {
+        std::memset(static_cast<void *>(&port), 0xA5, sizeof port);
+        port.fd = port.fd_listen = others;
+        port.priv = &port;
+        port.status_cb = {};
+        const int status = is_tcp ? pos_open_tcp(&port, "tcp:", 0) : pos_open_unix(&port, "unix:@nobody", 0);
+        ASSERT_EQ(sup_uart_Opened(&port, status), 0);
+        EXPECT_EQ(send("dropped"), 0);
+        close();
+    }
     EXPECT_EQ(::close(others), 0);
 }
 
