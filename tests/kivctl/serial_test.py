@@ -27,9 +27,8 @@ def look_at_receiving():
                                             ("-n 3 -x", b"a\0c", 0, r"00000000  61 00 63 {40} \|a\.c\|\n"),
                                             ("-n 4 -t", b"a\nb\n", 0, r"20\S+Z a\n20\S+Z b\n"),
                                             ("-n 2 --json", b"\"\xff", 0, r'\{"time":"20\S+Z","hex":"22ff","text":"\\"\\u00ff"\}\n')):
-        process = start(f"serial recv {line.name} {arguments}")
-        os.write(line.far, sent)
-        finish(process, arguments, status, wanted)
+        os.write(line.far, sent)  # before its time runs
+        finish(start(f"serial recv {line.name} {arguments}"), arguments, status, wanted)
     log = FOLDER / "log"
     os.write(line.far, b"kept")
     run(f"serial recv {line.name} -n 4 -l {log}", out="kept")
