@@ -238,9 +238,11 @@ TEST_P(Dropping, ALateThreadSparesTheNextConnection) {
         lose(peer);
         peer = connect_by_writing();
         ASSERT_EQ(fd(), number);
+        const unsigned before = pauses();
         gate.open();
         if (late_is_reader) {
             expect_read_from(peer, late);
+            EXPECT_EQ(pauses(), before + (transport == unix_client ? 1 : 0)) << "which looks after a pause";
         } else {
             EXPECT_EQ(late.get(), "0");
         }
