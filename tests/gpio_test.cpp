@@ -141,6 +141,11 @@ TEST_F(Gpio, ARefusalWithoutAReason) {
         EXPECT_EQ(operation(), operation == read ? -1 : 0);
     }
     EXPECT_EQ(reports(), Reports{warned(module, "kiv_gpio_dev_read", "ret != -1")});
+    // A reason counts where nobody reads the log, too.
+    kiv_log_dyn_level_POS = 0;
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, EBUSY), 0);
+    EXPECT_EQ(low(), EBUSY);
+    EXPECT_EQ(reports(), Reports{warned(module, "kiv_gpio_dev_config")});
 }
 
 // Sysfs --------------------------------------------------------------------------------------------------
