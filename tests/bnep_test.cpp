@@ -7,6 +7,7 @@
 #include <mutex>
 #include <pthread.h>
 #include <sched.h>
+#include <semaphore>
 #include <thread>
 #include <tuple>
 #include <utility>
@@ -32,7 +33,7 @@ struct {
     bool is_running;
     bool goes_on; // after its deletion; else that waits for its end
     int resume_result;
-    bool never_runs; // although it was resumed
+    bool cannot_be_made, hangs;
     unsigned deleted, mutexes_initialised, mutexes_destroyed;
 } core;
 std::atomic<int> unlock_result;
@@ -55,19 +56,21 @@ struct {
 
 int sup_thread_create(sup_thread_t *handle, sup_thread_control_t *control, int priority,
                       void *(*entry)(void *), void *argument, int options, const char *name) {
-    core.control = control;
+    core.control = core.cannot_be_made ? nullptr : control;
     core.priority = priority;
     core.entry = entry;
     core.argument = argument;
     core.options = options;
     core.name = name;
+    if (core.cannot_be_made)
+        return ENOMEM; // and nobody's handle
     *handle = control;
     return 0;
 }
 
 int sup_thread_resume(sup_thread_t handle) {
     EXPECT_EQ(handle, core.control);
-    core.is_running = core.resume_result == 0 && !core.never_runs;
+    core.is_running = core.resume_result == 0;
     has_ended = false;
     if (core.is_running) {
         EXPECT_EQ(::pthread_create(&core.id, nullptr, run, nullptr), 0);
@@ -82,7 +85,7 @@ int sup_thread_delete(sup_thread_t handle) {
         return 0;
     kiv_sim_tap_state state;
     kiv_sim_tap_inspect("bnep", &state);
-    EXPECT_EQ(state.exists, 0) << "the thread has not come to its end";
+    EXPECT_EQ(state.exists, core.hangs ? 1 : 0) << "the thread has not come to its end";
     return core.goes_on ? ::pthread_detach(core.id) : ::pthread_join(core.id, nullptr);
 }
 
@@ -349,15 +352,32 @@ TEST_F(Bnep, AsksForAThreadAsKivCoreExpectsAndAnswersForIt) {
     EXPECT_EQ(core.priority, KIV_BNEP_DEFAULT_PRIORITY);
     EXPECT_EQ(kiv_bnep_set_sender(nullptr, device), -1);
     EXPECT_EQ(kiv_sim_calls(KIV_SIM_USLEEP), 0u) << "a thread that does not run was waited for";
+
+    core.cannot_be_made = true; // and the one before is not taken for it
+    EXPECT_EQ(kiv_bnep_set_sender(count_step, device), 17);
+    EXPECT_EQ(kiv_bnep_set_sender(nullptr, device), -1);
 }
 
+// It hangs with a frame that it is about to hand out, and keeps its interface.
 TEST_F(Bnep, AThreadThatComesToNoEndIsNotWaitedForForEver) {
-    core.never_runs = true;
+    static const std::thread::id own = std::this_thread::get_id();
+    static std::counting_semaphore<> has_frame(0), never(0);
+    core.hangs = core.goes_on = true;
+    hooks.before_lock = [] {
+        if (std::this_thread::get_id() != own) {
+            has_frame.release();
+            never.acquire();
+        }
+    };
+    start();
+    send_from_kernel("bnep", frame_of(98, experimental));
+    has_frame.acquire();
     kiv_sim_answer(KIV_SIM_USLEEP, 1, KIV_SIM_ALWAYS, 0);
-    EXPECT_EQ(kiv_bnep_set_sender(record_step, device), 0);
     EXPECT_EQ(kiv_bnep_set_sender(nullptr, nullptr), -1);
+    hooks.before_lock = nullptr;
     EXPECT_GT(kiv_sim_calls(KIV_SIM_USLEEP), 0u);
     EXPECT_EQ(core.deleted, 1u);
+    EXPECT_EQ(tap_state("bnep").exists, 0);
 }
 
 // Starts and stops, every other time wherever the thread stands: in its set-up, waiting, reading, delivering.
