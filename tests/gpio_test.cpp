@@ -145,7 +145,11 @@ TEST_F(Gpio, ARefusalWithoutAReason) {
     kiv_log_dyn_level_POS = 0;
     ASSERT_EQ(kiv_sim_fail(KIV_SIM_IOCTL, 1, 1, EBUSY), 0);
     EXPECT_EQ(low(), EBUSY);
-    EXPECT_EQ(reports(), Reports{warned(module, "kiv_gpio_dev_config")});
+    ASSERT_EQ(kiv_sim_fail(KIV_SIM_OPEN, 1, 1, EMFILE), 0);
+    kiv_gpio_irq_device irq;
+    EXPECT_EQ(kiv_gpio_irq_open(&irq, 4, KIV_SIM_EDGE_BOTH), EMFILE);
+    EXPECT_EQ(reports(),
+              Reports({warned(module, "kiv_gpio_dev_config"), warned(module, "kiv_gpio_dev_open")}));
 }
 
 // Sysfs --------------------------------------------------------------------------------------------------
