@@ -132,6 +132,7 @@ TEST_P(Reconnect, PeersThatLeaveAtOnceAreNotFollowedInHaste) {
     }
     expect_read_from(peer, text);
     EXPECT_EQ(pauses(), before + 3);
+    EXPECT_EQ(kiv_sim_faults_fired(), kiv_sim_calls(KIV_SIM_USLEEP)) << "a pause of another length";
 }
 
 // A demultiplexer's goes on with the next connection; the others are dropped, without a word to the caller.
