@@ -186,6 +186,31 @@ TEST_F(TcpTest, WritesAreDroppedWhileAReaderWaitsForAClient) {
     expect_served_by(peer);
 }
 
+// It has ended its connection, has found none, and is about to say that it waits for one.
+TEST_F(TcpTest, AReaderTakesTheConnectionThatAWriterHasMadeMeanwhile) {
+    open();
+    Peer peer = join();
+    EXPECT_EQ(send("first"), 0);
+    LockGate gate;
+    AsyncCall late([&] {
+        kiv_sim_fault fault{};
+        fault.call = KIV_SIM_READ;
+        fault.nth = fault.times = 1;
+        fault.error = ECONNRESET;
+        fault.this_thread = 1;
+        EXPECT_EQ(kiv_sim_arm(&fault), 0);
+        gate.stop_me_after_failure(2);
+        return read_some();
+    });
+    gate.wait_reached();
+    peer = join();
+    EXPECT_EQ(send("second"), 0);
+    EXPECT_EQ(peer.receive(6), "second");
+    gate.open();
+    EXPECT_TRUE(peer.send("data"));
+    EXPECT_EQ(late.get(), "data");
+}
+
 TEST_F(TcpTest, SecondReaderIsReportedAndGoesOn) {
     const Listener listener;
     open();
