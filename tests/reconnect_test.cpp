@@ -412,6 +412,27 @@ TEST_P(Demultiplexer, AReconnectionWithoutASocketFails) {
     EXPECT_EQ(events.taken(), "CDDDCD");
 }
 
+// The reader has found none, and is about to make one.
+TEST_P(Demultiplexer, AReaderTakesTheConnectionThatAWriterHasMadeMeanwhile) {
+    connect().close();
+    LockGate gate;
+    AsyncCall late([&] {
+        fail(KIV_SIM_SOCKET, ENOMEM);
+        gate.stop_me_after_failure(1);
+        EXPECT_EQ(read_some(), "status 12");
+        return read_some();
+    });
+    gate.wait_reached();
+    EXPECT_EQ(send("sent"), 0);
+    const Peer peer = far->next();
+    EXPECT_EQ(peer.receive(4), "sent");
+    gate.open();
+    EXPECT_TRUE(peer.send("data"));
+    EXPECT_EQ(late.get(), "data");
+    reports();
+    EXPECT_EQ(events.taken(), "CDDC");
+}
+
 // A loss that one call sees makes one connection.
 TEST_P(Demultiplexer, ABlockedReaderFollowsTheWriter) {
     const Peer peer = connect();
