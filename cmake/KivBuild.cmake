@@ -19,12 +19,13 @@ if(KIV_FUZZ)
 endif()
 
 # Counts which lines and branches of the product are reached. The counts are in a file from the first moment on, so that
-# they outlive a process that is killed, replaced by exec or never told that it has forked.
+# they outlive a process that is killed, replaced by exec or never told that it has forked. Processes share the file, so
+# that each step of a count is atomic: one that got lost would look like a way of a condition that nobody has taken.
 option(KIV_COVERAGE "Count what of drivers/src is reached (needs clang; scripts/test coverage)" OFF)
 add_library(kiv-coverage INTERFACE)
 if(KIV_COVERAGE)
   target_compile_options(kiv-coverage INTERFACE
-    -fprofile-instr-generate -fcoverage-mapping "SHELL:-mllvm -runtime-counter-relocation")
+    -fprofile-instr-generate -fcoverage-mapping -fprofile-update=atomic "SHELL:-mllvm -runtime-counter-relocation")
   target_link_options(kiv-coverage INTERFACE -fprofile-instr-generate)
 endif()
 
